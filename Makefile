@@ -1,0 +1,34 @@
+# The README's commands. Each installs what is missing, then builds.
+BUILD ?= build
+JOBS ?= $(shell nproc)
+
+.PHONY: deps build test test-sanitize test-asan test-tsan format clean
+
+deps:
+	@./scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# The same tests built with AddressSanitizer + UBSan, then ThreadSanitizer.
+test-sanitize: test-asan test-tsan
+
+test-asan: deps
+	cmake -S . -B build-asan -DQOR_SANITIZE=address -DCMAKE_BUILD_TYPE=Debug >/dev/null
+	cmake --build build-asan -j $(JOBS)
+	cd build-asan && ctest --output-on-failure -j $(JOBS) -L sanitize
+
+test-tsan: deps
+	cmake -S . -B build-tsan -DQOR_SANITIZE=thread -DCMAKE_BUILD_TYPE=Debug >/dev/null
+	cmake --build build-tsan -j $(JOBS)
+	cd build-tsan && ctest --output-on-failure -j $(JOBS) -L sanitize
+
+format:
+	clang-format -i $$(git ls-files '*.cpp' '*.h')
+
+clean:
+	rm -rf $(BUILD) build-asan build-tsan

@@ -1,0 +1,51 @@
+#include "base/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+#include <sstream>
+
+namespace qor {
+
+std::optional<std::string> readTextFile(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::nullopt;
+  std::ostringstream contents;
+  contents << in.rdbuf();
+  if (in.bad()) return std::nullopt;
+  return std::move(contents).str();
+}
+
+Result<> writeFileAtomically(const std::filesystem::path& path, std::string_view contents) {
+  std::string temporary = path.string() + ".XXXXXX";
+  const int fd = mkstemp(temporary.data());
+  if (fd < 0) return systemError(errno, "cannot write " + path.string());
+  const char* data = contents.data();
+  size_t left = contents.size();
+  while (left > 0) {
+    const ssize_t written = write(fd, data, left);
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) {
+      const int err = errno;
+      close(fd);
+      unlink(temporary.c_str());
+      return systemError(err, "cannot write " + path.string());
+    }
+    data += written;
+    left -= static_cast<size_t>(written);
+  }
+  fchmod(fd, 0644);
+  int err = fsync(fd) == 0 ? 0 : errno;
+  if (close(fd) != 0 && err == 0) err = errno;
+  if (err == 0 && rename(temporary.c_str(), path.c_str()) != 0) err = errno;
+  if (err != 0) {
+    unlink(temporary.c_str());
+    return systemError(err, "cannot write " + path.string());
+  }
+  return {};
+}
+
+}  // namespace qor

@@ -1,0 +1,71 @@
+// Polls the gateway's /healthz until it answers with the shipped runtime
+// version, reporting the seconds waited, replacing a stale gateway of another
+// version at most twice, and giving up after maxBootSeconds.
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "base/http_client.h"
+#include "sidecar/sidecar_manager.h"
+
+namespace qor {
+namespace {
+
+constexpr ScaledClock::Seconds probePause{0.5};
+constexpr ScaledClock::Seconds statusProbeLimit{2.0};
+constexpr ScaledClock::Seconds versionProbeLimit{2.0};
+constexpr int mismatchRetriesAllowed = 2;
+
+bool isSuccess(long status) { return status >= 200 && status <= 299; }
+
+}  // namespace
+
+void SidecarManager::waitForHealth() {
+  const auto startTime = clock_.now();
+  std::thread([self = shared_from_this(), startTime] { self->pollUntilReady(startTime); }).detach();
+}
+
+void SidecarManager::pollUntilReady(ScaledClock::TimePoint startTime) {
+  const auto healthURL = gatewayAddress("/healthz");
+  const auto deadline = static_cast<double>(maxBootSeconds.load());
+  int mismatchRetries = 0;
+  while (clock_.since(startTime).count() < deadline) {
+    if (stopping_) return;
+    if (httpOK(healthURL)) {
+      const auto version = healthzVersion(healthURL);
+      const auto shipped = bundledVersion();
+      if (version == shipped || mismatchRetries == mismatchRetriesAllowed) {
+        restartAttempts_ = 0;
+        postReady(gatewayAddress("/"));
+        return;
+      }
+      writeDiagnostic("[sidecar] healthz version " + version.value_or("?") + " != bundled " +
+                      shipped + "; reaping stale sidecar\n");
+      reapStaleSidecars();
+      (void)launchGateway();  // the loop goes on until the deadline either way
+      ++mismatchRetries;
+      continue;
+    }
+    clock_.sleepFor(probePause);
+    const auto waited = static_cast<std::int64_t>(clock_.since(startTime).count());
+    postStatus("Starting QOR Velmora… " + std::to_string(waited) + "s");
+  }
+  postStatus("Sidecar did not become ready within " + std::to_string(maxBootSeconds.load()) +
+             "s. Check logs in Application Support.");
+}
+
+bool SidecarManager::httpOK(const std::string& url) const {
+  const auto response = httpGet(url, clock_.toReal(statusProbeLimit));
+  return response && isSuccess(response->status);
+}
+
+std::optional<std::string> SidecarManager::healthzVersion(const std::string& url) const {
+  const auto response = httpGet(url, clock_.toReal(versionProbeLimit));
+  if (!response || !isSuccess(response->status)) return std::nullopt;
+  const auto body = nlohmann::json::parse(response->body, nullptr, /*allow_exceptions=*/false);
+  if (!body.is_object()) return std::nullopt;
+  const auto version = body.find("version");
+  if (version == body.end() || !version->is_string()) return std::nullopt;
+  return version->get<std::string>();
+}
+
+}  // namespace qor
