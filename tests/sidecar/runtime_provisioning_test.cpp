@@ -5,8 +5,8 @@
 #include <fstream>
 #include <regex>
 
-#include "base/files.h"
 #include "base/child_process.h"
+#include "base/files.h"
 #include "sidecar_test_support.h"
 
 namespace qor::testing {
@@ -138,10 +138,10 @@ TEST_F(RuntimeProvisioning, ArchiveVersionFileWinsAndShippedVersionFillsTheGap) 
   std::filesystem::remove_all(installation.runtime());
   const auto archive =
       installation.resources() / ("QOR-runtime-" + SidecarManager::architectureName() + ".zip");
-  const auto deleted = ChildProcess::run({.executable = "/usr/bin/zip",
-                                          .arguments = {"-q", "-d", archive.string(),
-                                                        "QOR_RUNTIME_VERSION"},
-                                          .output = OutputMode::discard});
+  const auto deleted =
+      ChildProcess::run({.executable = "/usr/bin/zip",
+                         .arguments = {"-q", "-d", archive.string(), "QOR_RUNTIME_VERSION"},
+                         .output = OutputMode::discard});
   ASSERT_TRUE(deleted && *deleted == 0);
   ASSERT_TRUE(provision());
   EXPECT_EQ(readTextFile(installation.runtime() / "QOR_RUNTIME_VERSION"), "0.8.0-hotfix");
@@ -175,8 +175,9 @@ TEST_F(RuntimeProvisioning, StartReportsProvisioningFailureAndLaunchesNothing) {
   manager->start();
   ASSERT_TRUE(eventually([&] { return recorder->statuses().size() == 2; }, 10s));
   EXPECT_EQ(recorder->statuses()[0], "正在准备首次启动运行环境…");
-  EXPECT_TRUE(recorder->statuses()[1].starts_with("Sidecar startup failed: Runtime extraction "
-                                                  "failed (unzip "))
+  EXPECT_TRUE(
+      recorder->statuses()[1].starts_with("Sidecar startup failed: Runtime extraction "
+                                          "failed (unzip "))
       << recorder->statuses()[1];
   std::this_thread::sleep_for(300ms);
   EXPECT_EQ(recorder->statuses().size(), 2u);

@@ -44,6 +44,16 @@ bool processAlive(pid_t pid) {
   return close != std::string::npos && close + 2 < text.size() && text[close + 2] != 'Z';
 }
 
+std::vector<std::string> commandLineOf(pid_t pid) {
+  const auto raw = readTextFile("/proc/" + std::to_string(pid) + "/cmdline").value_or("");
+  std::vector<std::string> arguments;
+  size_t start = 0;
+  for (size_t end; (end = raw.find('\0', start)) != std::string::npos; start = end + 1) {
+    arguments.push_back(raw.substr(start, end - start));
+  }
+  return arguments;
+}
+
 void Recorder::addStatus(const std::string& text) {
   std::lock_guard lock(mutex_);
   statuses_.push_back(text);
@@ -112,7 +122,8 @@ void SerialQueue::post(std::function<void()> task) {
 }
 
 TestInstallation::TestInstallation() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "qor-sidecar-test-XXXXXX").string();
+  std::string pattern =
+      (std::filesystem::temp_directory_path() / "qor-sidecar-test-XXXXXX").string();
   root_ = mkdtemp(pattern.data());
   std::filesystem::create_directories(resources());
   std::filesystem::create_directories(support());
@@ -133,7 +144,9 @@ std::filesystem::path TestInstallation::runtime() const {
   return product() / "runtime" / SidecarManager::architectureName();
 }
 
-std::filesystem::path TestInstallation::fakeGatewaySources() { return FAKE_GATEWAY_DIR; }
+std::filesystem::path TestInstallation::fakeGatewaySources() {
+  return FAKE_GATEWAY_DIR;
+}
 
 void TestInstallation::setShippedVersion(const std::string& version) {
   std::ofstream(resources() / "QOR_RUNTIME_VERSION") << version << "\n";
@@ -198,14 +211,15 @@ void TestInstallation::drainQueue() {
 std::shared_ptr<SidecarManager> TestInstallation::makeManager(
     const std::shared_ptr<Recorder>& recorder, double clockSpeed) {
   auto manager = std::make_shared<SidecarManager>(
-      queue_, SidecarManager::Settings{
-                  .gatewayPort = gatewayPort,
-                  .litellmPort = litellmPort,
-                  .clockSpeed = clockSpeed,
-                  .supportDirectory = support(),
-                  .resourceDirectory = resources(),
-                  .diagnostics = [recorder](std::string_view bytes) { recorder->addDiagnostic(bytes); },
-              });
+      queue_,
+      SidecarManager::Settings{
+          .gatewayPort = gatewayPort,
+          .litellmPort = litellmPort,
+          .clockSpeed = clockSpeed,
+          .supportDirectory = support(),
+          .resourceDirectory = resources(),
+          .diagnostics = [recorder](std::string_view bytes) { recorder->addDiagnostic(bytes); },
+      });
   manager->onStatus = [recorder](const std::string& text) { recorder->addStatus(text); };
   manager->onReady = [recorder](const std::string& url) { recorder->addReady(url); };
   managers_.push_back(manager);

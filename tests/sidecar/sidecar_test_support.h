@@ -33,6 +33,9 @@ int freePort();
 
 bool processAlive(pid_t pid);
 
+// The arguments of a running process, its executable first.
+std::vector<std::string> commandLineOf(pid_t pid);
+
 // Everything that reaches the "UI": status texts, ready URLs and diagnostics.
 class Recorder {
  public:
