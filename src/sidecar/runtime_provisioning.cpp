@@ -45,7 +45,8 @@ Result<> SidecarManager::prepareRuntimeIfNeeded() {
   if (installed) backupDataBeforeUpgrade(*installed);
 
   std::error_code ec;
-  std::filesystem::remove_all(runtimeDir(), ec);  // a missing or stubborn old runtime is unpacked over
+  // A missing or stubborn old runtime is simply unpacked over.
+  std::filesystem::remove_all(runtimeDir(), ec);
   std::filesystem::create_directories(runtimeDir(), ec);
   if (ec) return systemError(ec, "cannot create " + runtimeDir().string());
 
