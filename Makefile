@@ -32,3 +32,9 @@ format:
 
 clean:
 	rm -rf $(BUILD) build-asan build-tsan
+
+# Builds, stages the bundle at $(BUILD)/bundle/QOR Velmora and runs it; without
+# a display it uses a virtual one and saves a screenshot (see scripts/run.sh).
+.PHONY: run
+run: build
+	@./scripts/run.sh "$(BUILD)"

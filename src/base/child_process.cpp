@@ -93,7 +93,8 @@ class FileDescriptor {
 
 Result<pid_t> forkAndExec(const ExecPlan& plan) {
   int errorPipe[2];
-  if (pipe2(errorPipe, O_CLOEXEC) != 0) return systemError(errno, "cannot launch " + plan.executable);
+  if (pipe2(errorPipe, O_CLOEXEC) != 0)
+    return systemError(errno, "cannot launch " + plan.executable);
   FileDescriptor readEnd(errorPipe[0]);
   FileDescriptor writeEnd(errorPipe[1]);
   const pid_t pid = fork();
@@ -135,7 +136,9 @@ class Spawner {
   }
 
  private:
-  Spawner() { std::thread([this] { serve(); }).detach(); }
+  Spawner() {
+    std::thread([this] { serve(); }).detach();
+  }
 
   [[noreturn]] void serve() {
     for (;;) {

@@ -12,7 +12,8 @@ Environment Environment::current() {
   for (char** entry = environ; entry && *entry; ++entry) {
     const char* equals = std::strchr(*entry, '=');
     if (!equals) continue;
-    environment.variables_.emplace(std::string(*entry, static_cast<size_t>(equals - *entry)), std::string(equals + 1));
+    environment.variables_.emplace(std::string(*entry, static_cast<size_t>(equals - *entry)),
+                                   std::string(equals + 1));
   }
   return environment;
 }

@@ -33,8 +33,7 @@ inline Error systemError(int errnum, const std::string& what) {
 template <typename T = std::monostate>
 class [[nodiscard]] Result {
  public:
-  Result()
-    requires std::is_same_v<T, std::monostate>
+  Result() requires std::is_same_v<T, std::monostate>
   = default;
   Result(T value) : state_(std::move(value)) {}
   Result(Error error) : state_(std::move(error)) {}

@@ -15,7 +15,9 @@ constexpr ScaledClock::Seconds statusProbeLimit{2.0};
 constexpr ScaledClock::Seconds versionProbeLimit{2.0};
 constexpr int mismatchRetriesAllowed = 2;
 
-bool isSuccess(long status) { return status >= 200 && status <= 299; }
+bool isSuccess(long status) {
+  return status >= 200 && status <= 299;
+}
 
 }  // namespace
 

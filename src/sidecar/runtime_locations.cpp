@@ -26,7 +26,9 @@ std::filesystem::path userDataDirectory() {
   return homeDirectory() / ".local" / "share";
 }
 
-bool SidecarManager::developerMode() { return Environment::variable("QOR_DEV") == "1"; }
+bool SidecarManager::developerMode() {
+  return Environment::variable("QOR_DEV") == "1";
+}
 
 std::string SidecarManager::architectureName() {
   utsname names{};

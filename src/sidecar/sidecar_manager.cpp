@@ -70,7 +70,7 @@ std::shared_ptr<ChildProcess> SidecarManager::process() const {
 
 void SidecarManager::reapStaleSidecars() const {
   qor::reapStaleSidecars({settings_.gatewayPort, settings_.litellmPort}, clock_,
-                    settings_.diagnostics);
+                         settings_.diagnostics);
 }
 
 std::string SidecarManager::gatewayAddress(std::string_view path) const {
@@ -87,6 +87,8 @@ void SidecarManager::postReady(std::string url) const {
   mainThread_->post([callback = onReady, url = std::move(url)] { callback(url); });
 }
 
-void SidecarManager::writeDiagnostic(std::string_view bytes) const { settings_.diagnostics(bytes); }
+void SidecarManager::writeDiagnostic(std::string_view bytes) const {
+  settings_.diagnostics(bytes);
+}
 
 }  // namespace qor

@@ -30,7 +30,8 @@ void forEachOursListening(int port, Visit visit) {
 
 bool anyOursListening(const std::vector<int>& ports) {
   bool found = false;
-  for (const int port : ports) forEachOursListening(port, [&](pid_t, const std::string&) { found = true; });
+  for (const int port : ports)
+    forEachOursListening(port, [&](pid_t, const std::string&) { found = true; });
   return found;
 }
 

@@ -1,0 +1,382 @@
+#include "app/app_delegate.h"
+
+#include <glib-unix.h>
+
+#include <csignal>
+#include <string_view>
+
+#include "app/build_config.h"
+#include "app/main_menu.h"
+#include "app/navigation_policy.h"
+#include "app/product_name.h"
+#include "base/bundle.h"
+#include "base/files.h"
+#include "base/text.h"
+
+namespace qor {
+namespace {
+
+constexpr const char* bootText = "Starting QOR Velmora…";
+constexpr std::string_view loadFailedText = "Sidecar UI failed to load: ";
+constexpr int windowWidth = 1280;
+constexpr int windowHeight = 820;
+constexpr int bootLabelPoints = 15;
+constexpr const char* iconName = "org.qor.Velmora";
+
+std::string requestURL(WebKitNavigationAction* action) {
+  WebKitURIRequest* request = webkit_navigation_action_get_request(action);
+  const char* uri = request ? webkit_uri_request_get_uri(request) : nullptr;
+  return uri ? uri : "";
+}
+
+// The bundle's APP_VERSION, trimmed; "0.0.0" when missing or empty.
+std::string appVersion() {
+  const auto text = readTextFile(bundleResourceDirectory() / "APP_VERSION");
+  const std::string version = text ? trimmed(*text) : "";
+  return version.empty() ? "0.0.0" : version;
+}
+
+const char* editingCommand(std::string_view action) {
+  if (action == "undo") return WEBKIT_EDITING_COMMAND_UNDO;
+  if (action == "redo") return WEBKIT_EDITING_COMMAND_REDO;
+  if (action == "cut") return WEBKIT_EDITING_COMMAND_CUT;
+  if (action == "copy") return WEBKIT_EDITING_COMMAND_COPY;
+  if (action == "paste") return WEBKIT_EDITING_COMMAND_PASTE;
+  return WEBKIT_EDITING_COMMAND_SELECT_ALL;
+}
+
+}  // namespace
+
+AppDelegate::AppDelegate()
+    : mainThread_(std::make_shared<GLibMainThreadQueue>()),
+      sidecar_(std::make_shared<SidecarManager>(mainThread_, SidecarManager::Settings{})) {}
+
+AppDelegate::~AppDelegate() {
+  scriptDialogs_.reset();
+  if (webView_) g_signal_handlers_disconnect_by_data(webView_.get(), this);
+  if (window_) g_signal_handlers_disconnect_by_data(window_.get(), this);
+  if (app_) g_signal_handlers_disconnect_by_data(app_, this);
+}
+
+void AppDelegate::attach(GtkApplication* app) {
+  app_ = app;
+  g_signal_connect(app, "startup", G_CALLBACK(onStartup), this);
+  g_signal_connect(app, "activate", G_CALLBACK(onActivate), this);
+  g_signal_connect(app, "shutdown", G_CALLBACK(onShutdown), this);
+}
+
+// Only the first instance starts up; a second launch just activates it.
+void AppDelegate::onStartup(GApplication*, gpointer self) {
+  for (int signal : {SIGTERM, SIGINT, SIGHUP}) g_unix_signal_add(signal, onUnixSignal, self);
+}
+
+void AppDelegate::onActivate(GApplication*, gpointer self) {
+  auto* delegate = static_cast<AppDelegate*>(self);
+  if (delegate->window_) {
+    delegate->applicationShouldHandleReopen();
+  } else {
+    delegate->applicationDidFinishLaunching();
+  }
+}
+
+void AppDelegate::onShutdown(GApplication*, gpointer self) {
+  static_cast<AppDelegate*>(self)->applicationWillTerminate();
+}
+
+// Quitting this way goes through shutdown like any other, which stops the
+// gateway.
+gboolean AppDelegate::onUnixSignal(gpointer self) {
+  g_application_quit(G_APPLICATION(static_cast<AppDelegate*>(self)->app_));
+  return G_SOURCE_CONTINUE;
+}
+
+// Closing the main window ends the application, whatever other windows
+// (an inspector, an about box) are open.
+gboolean AppDelegate::onCloseRequest(GtkWindow*, gpointer self) {
+  g_application_quit(G_APPLICATION(static_cast<AppDelegate*>(self)->app_));
+  return false;
+}
+
+void AppDelegate::applicationDidFinishLaunching() {
+  GObjectPtr<GMenuModel> menu = buildMainMenu(app_);
+  gtk_application_set_menubar(app_, menu.get());
+  buildWindow();
+  installActions();
+  connectSignals();
+  gtk_window_present(window_.get());
+
+  std::weak_ptr<AppDelegate> weakSelf = weak_from_this();
+  sidecar_->onStatus = [weakSelf, queue = mainThread_](const std::string& text) {
+    queue->post([weakSelf, text] {
+      if (auto self = weakSelf.lock()) self->showStatus(text);
+    });
+  };
+  sidecar_->onReady = [weakSelf, queue = mainThread_](const std::string& url) {
+    queue->post([weakSelf, url] {
+      if (auto self = weakSelf.lock()) self->loadGateway(url);
+    });
+  };
+  sidecar_->start();
+}
+
+// A second launch: bring the window back unless it is already on screen.
+void AppDelegate::applicationShouldHandleReopen() {
+  GtkWindow* window = window_.get();
+  bool minimized = false;
+  if (GdkSurface* surface = gtk_native_get_surface(GTK_NATIVE(window));
+      surface && GDK_IS_TOPLEVEL(surface)) {
+    minimized = gdk_toplevel_get_state(GDK_TOPLEVEL(surface)) & GDK_TOPLEVEL_STATE_MINIMIZED;
+  }
+  if (gtk_widget_get_visible(GTK_WIDGET(window)) && !minimized) return;
+  // Presenting alone only raises and focuses; a minimised window must be
+  // mapped again first.
+  if (minimized) gtk_window_unminimize(window);
+  gtk_window_present(window);
+}
+
+// The signal watches stay: a second SIGTERM while the gateway is being
+// stopped is then held back instead of killing the shell halfway.
+void AppDelegate::applicationWillTerminate() {
+  sidecar_->stop();
+}
+
+void AppDelegate::buildWindow() {
+  window_ = GObjectPtr<GtkWindow>::retain(GTK_WINDOW(gtk_application_window_new(app_)));
+  gtk_application_window_set_show_menubar(GTK_APPLICATION_WINDOW(window_.get()), true);
+  gtk_window_set_default_size(window_.get(), windowWidth, windowHeight);
+  gtk_window_set_title(window_.get(), productName);
+
+  bootLabel_ = GObjectPtr<GtkLabel>::retain(GTK_LABEL(gtk_label_new(bootText)));
+  GtkWidget* label = GTK_WIDGET(bootLabel_.get());
+  gtk_widget_add_css_class(label, "dim-label");
+  PangoAttrList* attributes = pango_attr_list_new();
+  pango_attr_list_insert(attributes, pango_attr_size_new(bootLabelPoints * PANGO_SCALE));
+  gtk_label_set_attributes(bootLabel_.get(), attributes);
+  pango_attr_list_unref(attributes);
+  gtk_label_set_justify(bootLabel_.get(), GTK_JUSTIFY_CENTER);
+  gtk_label_set_wrap(bootLabel_.get(), true);
+  gtk_widget_set_hexpand(label, true);
+  gtk_widget_set_vexpand(label, true);
+
+  webView_ = GObjectPtr<WebKitWebView>::retain(WEBKIT_WEB_VIEW(webkit_web_view_new()));
+  webkit_settings_set_enable_developer_extras(webkit_web_view_get_settings(webView_.get()), true);
+  gtk_widget_set_visible(GTK_WIDGET(webView_.get()), false);
+
+  // The web view lies above the label and covers it once shown.
+  GtkWidget* overlay = gtk_overlay_new();
+  gtk_overlay_set_child(GTK_OVERLAY(overlay), label);
+  gtk_overlay_add_overlay(GTK_OVERLAY(overlay), GTK_WIDGET(webView_.get()));
+  gtk_window_set_child(window_.get(), overlay);
+
+  scriptDialogs_ = std::make_unique<ScriptDialogQueue>(window_.get());
+}
+
+void AppDelegate::installActions() {
+  const GActionEntry applicationActions[] = {
+      {"about", onAbout, nullptr, nullptr, nullptr, {}},
+      {"hide", onHide, nullptr, nullptr, nullptr, {}},
+      {"hide-others", nullptr, nullptr, nullptr, nullptr, {}},
+      {"unhide-all", nullptr, nullptr, nullptr, nullptr, {}},
+      {"quit", onQuit, nullptr, nullptr, nullptr, {}},
+  };
+  g_action_map_add_action_entries(G_ACTION_MAP(app_), applicationActions,
+                                  G_N_ELEMENTS(applicationActions), this);
+  for (const char* unsupported : {"hide-others", "unhide-all"}) {
+    GAction* action = g_action_map_lookup_action(G_ACTION_MAP(app_), unsupported);
+    g_simple_action_set_enabled(G_SIMPLE_ACTION(action), false);
+  }
+
+  const GActionEntry windowActions[] = {
+      {"undo", onEditingCommand, nullptr, nullptr, nullptr, {}},
+      {"redo", onEditingCommand, nullptr, nullptr, nullptr, {}},
+      {"cut", onEditingCommand, nullptr, nullptr, nullptr, {}},
+      {"copy", onEditingCommand, nullptr, nullptr, nullptr, {}},
+      {"paste", onEditingCommand, nullptr, nullptr, nullptr, {}},
+      {"select-all", onEditingCommand, nullptr, nullptr, nullptr, {}},
+      {"minimize", onMinimize, nullptr, nullptr, nullptr, {}},
+      {"close", onClose, nullptr, nullptr, nullptr, {}},
+  };
+  g_action_map_add_action_entries(G_ACTION_MAP(window_.get()), windowActions,
+                                  G_N_ELEMENTS(windowActions), this);
+}
+
+void AppDelegate::connectSignals() {
+  g_signal_connect(window_.get(), "close-request", G_CALLBACK(onCloseRequest), this);
+  g_signal_connect(webView_.get(), "decide-policy", G_CALLBACK(onDecidePolicy), this);
+  g_signal_connect(webView_.get(), "create", G_CALLBACK(onCreate), this);
+  g_signal_connect(webView_.get(), "script-dialog", G_CALLBACK(onScriptDialog), this);
+  g_signal_connect(webView_.get(), "load-failed", G_CALLBACK(onLoadFailed), this);
+}
+
+void AppDelegate::showStatus(const std::string& text) {
+  gtk_label_set_text(bootLabel_.get(), text.c_str());
+}
+
+// The page is fetched from the gateway itself, never from a cache.
+void AppDelegate::loadGateway(const std::string& url) {
+  GObjectPtr<WebKitURIRequest> request =
+      GObjectPtr<WebKitURIRequest>::adopt(webkit_uri_request_new(url.c_str()));
+  SoupMessageHeaders* headers = webkit_uri_request_get_http_headers(request.get());
+  soup_message_headers_replace(headers, "Cache-Control", "no-cache");
+  soup_message_headers_replace(headers, "Pragma", "no-cache");
+  webkit_web_view_load_request(webView_.get(), request.get());
+  gtk_widget_set_visible(GTK_WIDGET(webView_.get()), true);
+}
+
+gboolean AppDelegate::onDecidePolicy(WebKitWebView*, WebKitPolicyDecision* decision,
+                                     WebKitPolicyDecisionType type, gpointer self) {
+  auto* delegate = static_cast<AppDelegate*>(self);
+  if (type != WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION &&
+      type != WEBKIT_POLICY_DECISION_TYPE_NEW_WINDOW_ACTION) {
+    return false;  // responses: the engine's default
+  }
+  const std::string url = requestURL(webkit_navigation_policy_decision_get_navigation_action(
+      WEBKIT_NAVIGATION_POLICY_DECISION(decision)));
+  if (type == WEBKIT_POLICY_DECISION_TYPE_NEW_WINDOW_ACTION) {
+    delegate->createWebViewWith(url);
+    webkit_policy_decision_ignore(decision);
+  } else if (delegate->decidePolicyFor(url)) {
+    webkit_policy_decision_use(decision);
+  } else {
+    webkit_policy_decision_ignore(decision);
+  }
+  return true;
+}
+
+// Script requests for a window (window.open) arrive here rather than as a
+// new-window decision. No second view is ever made.
+GtkWidget* AppDelegate::onCreate(WebKitWebView*, WebKitNavigationAction* action, gpointer self) {
+  static_cast<AppDelegate*>(self)->createWebViewWith(requestURL(action));
+  return nullptr;
+}
+
+gboolean AppDelegate::onScriptDialog(WebKitWebView*, WebKitScriptDialog* dialog, gpointer self) {
+  static_cast<AppDelegate*>(self)->scriptDialogs_->enqueue(dialog);
+  return true;
+}
+
+// The engine's own error page is never shown; a failure after the page was
+// committed is written into the (covered) boot label.
+gboolean AppDelegate::onLoadFailed(WebKitWebView*, WebKitLoadEvent event, char*, GError* error,
+                                   gpointer self) {
+  if (event == WEBKIT_LOAD_COMMITTED) {
+    static_cast<AppDelegate*>(self)->showStatus(std::string(loadFailedText) + error->message);
+  }
+  return true;
+}
+
+bool AppDelegate::decidePolicyFor(const std::string& url) {
+  switch (classifyLink(url)) {
+    case LinkTarget::qorAction:
+      handleQorAction(url);
+      return false;
+    case LinkTarget::external:
+    case LinkTarget::mail:
+      openWithDefaultHandler(url);
+      return false;
+    case LinkTarget::whatsApp:
+      openWhatsApp(url, std::nullopt);
+      return false;
+    case LinkTarget::none:
+    case LinkTarget::loopbackPage:
+    case LinkTarget::other:
+      return true;
+  }
+  return true;
+}
+
+// Like a navigation, except that loopback pages are dropped: the page is
+// opened neither in the main web view nor anywhere else.
+void AppDelegate::createWebViewWith(const std::string& url) {
+  switch (classifyLink(url)) {
+    case LinkTarget::qorAction:
+      handleQorAction(url);
+      break;
+    case LinkTarget::external:
+    case LinkTarget::mail:
+      openWithDefaultHandler(url);
+      break;
+    case LinkTarget::whatsApp:
+      openWhatsApp(url, std::nullopt);
+      break;
+    case LinkTarget::none:
+    case LinkTarget::loopbackPage:
+    case LinkTarget::other:
+      break;
+  }
+}
+
+// Every other path under /__qor/ is swallowed without a trace.
+void AppDelegate::handleQorAction(const std::string& url) {
+  if (const auto request = whatsAppRequest(url)) startWhatsApp(request->phone, request->text);
+}
+
+void AppDelegate::startWhatsApp(const std::string& phone, const std::string& text) {
+  const std::string digits = phoneDigits(phone);
+  if (whatsAppClientInstalled()) {
+    openWithDefaultHandler(whatsAppSendURL(digits, text));
+    return;
+  }
+  const auto fallback = clickToChatURL(clickToChatHost, digits, text);
+  if (!fallback) {
+    g_error("click-to-chat address for host \"%.*s\" cannot be built", int(clickToChatHost.size()),
+            clickToChatHost.data());
+  }
+  openWithDefaultHandler(*fallback);
+}
+
+// Asked afresh every time: a client may be installed while the shell runs.
+bool AppDelegate::whatsAppClientInstalled() {
+  GObjectPtr<GAppInfo> handler =
+      GObjectPtr<GAppInfo>::adopt(g_app_info_get_default_for_uri_scheme("whatsapp"));
+  return bool(handler);
+}
+
+void AppDelegate::openWhatsApp(const std::string& url, const std::optional<std::string>& fallback) {
+  if (whatsAppClientInstalled()) {
+    openWithDefaultHandler(url);
+  } else if (fallback) {
+    openWithDefaultHandler(*fallback);
+  }
+}
+
+// Whether a handler took the URL is not reported anywhere.
+void AppDelegate::openWithDefaultHandler(const std::string& url) {
+  GObjectPtr<GdkAppLaunchContext> context = GObjectPtr<GdkAppLaunchContext>::adopt(
+      gdk_display_get_app_launch_context(gdk_display_get_default()));
+  g_app_info_launch_default_for_uri(url.c_str(), G_APP_LAUNCH_CONTEXT(context.get()), nullptr);
+}
+
+void AppDelegate::onAbout(GSimpleAction*, GVariant*, gpointer self) {
+  auto* delegate = static_cast<AppDelegate*>(self);
+  const std::string version = appVersion();
+  GtkWindow* parent = delegate->window_.get();
+  const bool hasIcon = gtk_icon_theme_has_icon(
+      gtk_icon_theme_get_for_display(gtk_widget_get_display(GTK_WIDGET(parent))), iconName);
+  gtk_show_about_dialog(parent, "program-name", productName, "version", version.c_str(),
+                        "logo-icon-name", hasIcon ? iconName : nullptr, nullptr);
+}
+
+// Desktops have no "hide application"; minimising is the nearest thing.
+void AppDelegate::onHide(GSimpleAction*, GVariant*, gpointer self) {
+  gtk_window_minimize(static_cast<AppDelegate*>(self)->window_.get());
+}
+
+void AppDelegate::onQuit(GSimpleAction*, GVariant*, gpointer self) {
+  g_application_quit(G_APPLICATION(static_cast<AppDelegate*>(self)->app_));
+}
+
+void AppDelegate::onEditingCommand(GSimpleAction* action, GVariant*, gpointer self) {
+  webkit_web_view_execute_editing_command(static_cast<AppDelegate*>(self)->webView_.get(),
+                                          editingCommand(g_action_get_name(G_ACTION(action))));
+}
+
+void AppDelegate::onMinimize(GSimpleAction*, GVariant*, gpointer self) {
+  gtk_window_minimize(static_cast<AppDelegate*>(self)->window_.get());
+}
+
+void AppDelegate::onClose(GSimpleAction*, GVariant*, gpointer self) {
+  gtk_window_close(static_cast<AppDelegate*>(self)->window_.get());
+}
+
+}  // namespace qor

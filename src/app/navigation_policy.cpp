@@ -1,0 +1,180 @@
+#include "app/navigation_policy.h"
+
+#include <glib.h>
+
+#include <string>
+#include <vector>
+
+#include "app/gobject_ptr.h"
+
+namespace qor {
+namespace {
+
+constexpr std::string_view actionPrefix = "/__qor/";
+constexpr std::string_view whatsAppActionPath = "/__qor/whatsapp";
+
+// The web view hands over canonical URLs, but those may carry characters
+// that RFC 3986 leaves out ("|", "{", "^", ...); relaxed parsing takes them.
+constexpr auto parseFlags = GUriFlags(G_URI_FLAGS_ENCODED | G_URI_FLAGS_PARSE_RELAXED);
+
+GUriPtr parse(std::string_view url) {
+  const std::string text(url);
+  return GUriPtr::adopt(g_uri_parse(text.c_str(), parseFlags, nullptr));
+}
+
+std::optional<std::string> percentDecoded(const char* encoded) {
+  GCharPtr decoded = GCharPtr::adopt(g_uri_unescape_string(encoded, nullptr));
+  if (!decoded) return std::nullopt;
+  return std::string(decoded.get());
+}
+
+// The path as the user would read it; a path with a broken escape is taken
+// as it stands.
+std::string decodedPath(GUri* uri) {
+  const char* path = g_uri_get_path(uri);
+  return percentDecoded(path).value_or(path);
+}
+
+std::string lowered(std::string_view text) {
+  std::string result(text);
+  for (char& c : result) c = g_ascii_tolower(c);
+  return result;
+}
+
+struct QueryItem {
+  std::optional<std::string> name;   // none: not decodable
+  std::optional<std::string> value;  // none: no "=", or not decodable UTF-8
+};
+
+std::optional<std::string> decodedUtf8(std::string_view encoded) {
+  auto decoded = percentDecoded(std::string(encoded).c_str());
+  if (!decoded || !g_utf8_validate(decoded->data(), decoded->size(), nullptr)) return std::nullopt;
+  return decoded;
+}
+
+std::vector<QueryItem> queryItems(const char* query) {
+  std::vector<QueryItem> items;
+  if (!query) return items;
+  std::string_view rest(query);
+  while (true) {
+    const auto end = rest.find('&');
+    const std::string_view item = rest.substr(0, end);
+    const auto equals = item.find('=');
+    if (equals == std::string_view::npos) {
+      items.push_back({decodedUtf8(item), std::nullopt});
+    } else {
+      items.push_back({decodedUtf8(item.substr(0, equals)), decodedUtf8(item.substr(equals + 1))});
+    }
+    if (end == std::string_view::npos) break;
+    rest.remove_prefix(end + 1);
+  }
+  return items;
+}
+
+std::string firstValue(const std::vector<QueryItem>& items, std::string_view name) {
+  for (const auto& item : items) {
+    if (item.name == name) return item.value.value_or("");
+  }
+  return "";
+}
+
+// Query-item encoding: everything outside the query's allowed characters,
+// plus "&" (and "=" in names), which would split the item.
+std::string encodedQueryItem(std::string_view name, std::string_view value) {
+  const std::string nameText(name), valueText(value);
+  GCharPtr encodedName =
+      GCharPtr::adopt(g_uri_escape_string(nameText.c_str(), "!$'()*+,;:@/?", false));
+  GCharPtr encodedValue =
+      GCharPtr::adopt(g_uri_escape_string(valueText.c_str(), "!$'()*+,;=:@/?", false));
+  return std::string(encodedName.get()) + "=" + encodedValue.get();
+}
+
+}  // namespace
+
+bool isLoopbackHost(std::optional<std::string_view> host) {
+  if (!host) return false;
+  const std::string name = lowered(*host);
+  return name == "127.0.0.1" || name == "localhost" || name == "::1";
+}
+
+LinkTarget classifyLink(std::string_view url) {
+  if (url.empty()) return LinkTarget::none;
+  const std::string text(url);
+  const char* peeked = g_uri_peek_scheme(text.c_str());  // lower-cased
+  const std::string_view scheme = peeked ? peeked : "";
+
+  if (scheme == "http" || scheme == "https") {
+    GUriPtr uri = parse(url);
+    std::optional<std::string_view> host;
+    if (uri && g_uri_get_host(uri.get()) && *g_uri_get_host(uri.get())) {
+      host = g_uri_get_host(uri.get());
+    }
+    if (!isLoopbackHost(host)) return LinkTarget::external;
+    const std::string path = decodedPath(uri.get());
+    if (path == whatsAppActionPath || path.starts_with(actionPrefix)) return LinkTarget::qorAction;
+    return LinkTarget::loopbackPage;
+  }
+  if (scheme == "mailto") return LinkTarget::mail;
+  if (scheme == "whatsapp") return LinkTarget::whatsApp;
+  return LinkTarget::other;
+}
+
+std::optional<WhatsAppRequest> whatsAppRequest(std::string_view actionURL) {
+  GUriPtr uri = parse(actionURL);
+  if (!uri || decodedPath(uri.get()) != whatsAppActionPath) return std::nullopt;
+  const auto items = queryItems(g_uri_get_query(uri.get()));
+  return WhatsAppRequest{firstValue(items, "phone"), firstValue(items, "text")};
+}
+
+std::string phoneDigits(std::string_view phone) {
+  std::string digits;
+  const char* p = phone.data();
+  const char* end = phone.data() + phone.size();
+  while (p < end) {
+    const gunichar c = g_utf8_get_char_validated(p, end - p);
+    if (c == gunichar(-1) || c == gunichar(-2)) {
+      ++p;  // not UTF-8: no character to keep
+      continue;
+    }
+    const char* next = g_utf8_next_char(p);
+    switch (g_unichar_type(c)) {
+      case G_UNICODE_DECIMAL_NUMBER:
+      case G_UNICODE_LETTER_NUMBER:
+      case G_UNICODE_OTHER_NUMBER:
+        digits.append(p, next);
+        break;
+      default:
+        break;
+    }
+    p = next;
+  }
+  return digits;
+}
+
+std::string whatsAppSendURL(std::string_view digits, std::string_view text) {
+  std::string url = "whatsapp://send";
+  std::string query;
+  if (!digits.empty()) query = encodedQueryItem("phone", digits);
+  if (!text.empty()) query += (query.empty() ? "" : "&") + encodedQueryItem("text", text);
+  if (!query.empty()) url += "?" + query;
+  return url;
+}
+
+std::optional<std::string> clickToChatURL(std::string_view host, std::string_view digits,
+                                          std::string_view text) {
+  const std::string digitText(digits);
+  GCharPtr path = GCharPtr::adopt(g_uri_escape_string(digitText.c_str(), nullptr, false));
+  const std::string address = "https://" + std::string(host) + "/" + path.get();
+  GUriPtr base = GUriPtr::adopt(g_uri_parse(address.c_str(), G_URI_FLAGS_ENCODED, nullptr));
+  if (!base) return std::nullopt;
+
+  const std::string query = text.empty() ? "" : encodedQueryItem("text", text);
+  GUriPtr uri = GUriPtr::adopt(g_uri_build(
+      G_URI_FLAGS_ENCODED, g_uri_get_scheme(base.get()), g_uri_get_userinfo(base.get()),
+      g_uri_get_host(base.get()), g_uri_get_port(base.get()), g_uri_get_path(base.get()),
+      query.empty() ? nullptr : query.c_str(), g_uri_get_fragment(base.get())));
+  GCharPtr result = GCharPtr::adopt(g_uri_to_string(uri.get()));
+  return std::string(result.get());
+}
+
+}  // namespace qor

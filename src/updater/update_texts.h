@@ -1,0 +1,57 @@
+// Everything the updater says to the user, in one place. Texts that take a
+// value are split around it.
+#pragma once
+
+namespace qor::updateTexts {
+
+inline constexpr const char* okButton = "好";
+
+// Checking.
+inline constexpr const char* checkFailedTitle = "无法检查更新";
+inline constexpr const char* noResponse = "更新服务无响应。";
+inline constexpr const char* unavailableBefore = "更新服务暂时不可用（HTTP ";
+inline constexpr const char* unavailableAfter = "）。";
+inline constexpr const char* undecodableBefore = "更新清单解析失败：";
+inline constexpr const char* cannotUpdateTitle = "无法更新";
+inline constexpr const char* noAssetBefore = "没有适配当前芯片架构（";
+inline constexpr const char* noAssetAfter = "）的安装包。";
+inline constexpr const char* unknownPlatform = "未知";
+inline constexpr const char* upToDateTitle = "已是最新版本";
+inline constexpr const char* upToDateBefore = "当前版本 ";
+inline constexpr const char* upToDateAfter = "，无需更新。";
+inline constexpr const char* newVersionTitle = "发现新版本 ";
+inline constexpr const char* forcedVersionTitle = "必须更新到 ";
+inline constexpr const char* runningVersion = "当前版本：";
+inline constexpr const char* defaultNotes = "建议更新以获得最新修复与改进。";
+inline constexpr const char* updateNowButton = "立即更新";
+inline constexpr const char* laterButton = "稍后";
+
+// Downloading.
+inline constexpr const char* invalidAddress = "清单中的下载地址无效。";
+inline constexpr const char* blockedTitle = "已阻止更新";
+inline constexpr const char* untrustedAddress = "下载地址不受信任：";
+inline constexpr const char* noHost = "(nil)";
+inline constexpr const char* downloadingTitle = "正在下载更新 ";
+inline constexpr const char* downloadingText = "下载完成并校验通过后，QOR 将自动重启完成安装。";
+inline constexpr const char* cancelButton = "取消";
+inline constexpr const char* failedTitle = "更新失败";
+inline constexpr const char* saveFailed = "保存下载文件失败：";
+
+// Verifying and installing.
+inline constexpr const char* unreadable = "无法读取下载文件：";
+inline constexpr const char* digestMismatch = "安装包校验和不匹配，可能已损坏或被篡改。\n期望 ";
+inline constexpr const char* digestActual = "…\n实际 ";
+inline constexpr const char* ellipsis = "…";
+inline constexpr const char* sizeMismatchBefore = "安装包大小与清单不一致（";
+inline constexpr const char* sizeMismatchBetween = " ≠ ";
+inline constexpr const char* sizeMismatchAfter = "）。";
+inline constexpr const char* cannotMount = "无法挂载安装镜像。";
+inline constexpr const char* bundleMissingBefore = "镜像中找不到 ";
+inline constexpr const char* bundleMissingAfter = "。";
+inline constexpr const char* scriptFailed = "无法创建安装脚本。";
+inline constexpr const char* readyTitle = "准备安装 ";
+inline constexpr const char* readyTitleWithoutManifest = "新版本";
+inline constexpr const char* readyText = "QOR 将退出并自动重启，窗口会在几秒后重新打开。";
+inline constexpr const char* restartButton = "立即重启";
+
+}  // namespace qor::updateTexts

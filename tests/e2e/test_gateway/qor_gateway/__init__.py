@@ -1,0 +1,1 @@
+"""A gateway for the window tests: it logs every request and lets a test drive its pages."""
