@@ -48,6 +48,7 @@ void SidecarManager::pollUntilReady(ScaledClock::TimePoint startTime) {
       continue;
     }
     clock_.sleepFor(probePause);
+    if (stopping_) return;  // a stopped manager reports nothing more
     const auto waited = static_cast<std::int64_t>(clock_.since(startTime).count());
     postStatus("Starting QOR Velmora… " + std::to_string(waited) + "s");
   }

@@ -1,163 +1,114 @@
-// The gateway's command line, folder, environment and output, and its
-// relaunch after an exit.
-#include <gtest/gtest.h>
-
+// The gateway's command line, environment and output, its relaunch after an
+// exit, developer mode and the start failures.
 #include <fstream>
+#include <map>
+#include <tuple>
 
 #include "sidecar_test_support.h"
 
 namespace qor::testing {
 namespace {
 
-class GatewayLaunch : public ::testing::Test {
- protected:
-  ScopedEnvironment environment = developerMode();
-  TestInstallation installation;
-  std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
+using GatewayLaunch = SidecarTest;
 
-  bool launchesReach(size_t count, std::chrono::milliseconds timeout = 10s) {
-    return eventually([&] { return installation.launches().size() >= count; }, timeout);
-  }
-};
+TEST_F(GatewayLaunch, CommandLineEnvironmentAndOutput) {
+  setEnv("QOR_TEST_UNTOUCHED", "kept as is");
+  for (const char* name : {"NO_PROXY", "no_proxy"}) setEnv(name, "elsewhere");
+  setEnv("PYTHONUNBUFFERED", "0");
+  setEnv("QOR_DATA_DIR", "/elsewhere");
+  shipRuntime(shippedVersion);
+  configureGateway({{"output", {"one\ntwo\n", {{"hex", "e282"}}, "par", "tial\n", "正在运行\n"}}});
 
-TEST_F(GatewayLaunch, CommandLineFolderAndEnvironment) {
-  environment.set("QOR_TEST_UNTOUCHED", "kept as is")
-      .set("NO_PROXY", "proxy.example")
-      .set("no_proxy", "proxy.example")
-      .set("PYTHONUNBUFFERED", "0")
-      .set("QOR_DATA_DIR", "/somewhere/else");
-  installation.configureGateway({});
-  const auto manager = installation.makeManager(recorder);
+  makeManager()->start();
+  ASSERT_TRUE(eventually([&] { return !record().ready.empty(); })) << record().diagnostics;
 
-  manager->start();
-  ASSERT_TRUE(launchesReach(1));
-
-  const auto launch = installation.launches()[0];
-  const auto data = installation.data().string();
-  EXPECT_EQ(
-      commandLineOf(launch["pid"]),
-      (std::vector<std::string>{"/usr/bin/python3", "-m", "qor_gateway.main", "--port",
-                                std::to_string(installation.gatewayPort), "--litellm-port",
-                                std::to_string(installation.litellmPort), "--data-dir", data}));
-  EXPECT_EQ(launch["cwd"], TestInstallation::fakeGatewaySources().string());
-  const auto& env = launch["env"];
-  EXPECT_EQ(env["PYTHONUNBUFFERED"], "1");
-  EXPECT_EQ(env["QOR_DATA_DIR"], data);
-  EXPECT_EQ(env["NO_PROXY"], "127.0.0.1,localhost");
-  EXPECT_EQ(env["no_proxy"], "127.0.0.1,localhost");
-  EXPECT_EQ(env["QOR_TEST_UNTOUCHED"], "kept as is");
-  EXPECT_EQ(env["QOR_DEV"], "1");
-  ASSERT_NE(manager->process(), nullptr);
-  EXPECT_EQ(manager->process()->pid(), launch["pid"].get<pid_t>());
-}
-
-TEST_F(GatewayLaunch, OutputIsPassedOnWithOnePrefixPerChunk) {
-  installation.configureGateway(
-      {{"output", {"one\ntwo\n", {{"hex", "e282"}}, "par", "tial\n", "正在运行\n"}}});
-  const auto manager = installation.makeManager(recorder);
-
-  manager->start();
-  const std::string expected =
+  const auto launch = launches().at(0);
+  EXPECT_EQ(launch["argv"].get<std::vector<std::string>>(),
+            (std::vector<std::string>{(runtime() / "python/bin/python").string(), "-m",
+                                      "qor_gateway.main", "--port", std::to_string(gatewayPort),
+                                      "--litellm-port", std::to_string(litellmPort), "--data-dir",
+                                      data().string()}));
+  EXPECT_EQ(launch["cwd"], (runtime() / "sidecar").string());
+  const std::map<std::string, std::string> environment = {{"PYTHONUNBUFFERED", "1"},
+                                                          {"QOR_DATA_DIR", data().string()},
+                                                          {"NO_PROXY", "127.0.0.1,localhost"},
+                                                          {"no_proxy", "127.0.0.1,localhost"},
+                                                          {"QOR_TEST_UNTOUCHED", "kept as is"}};
+  for (const auto& [name, value] : environment) EXPECT_EQ(launch["env"][name], value) << name;
+  // One prefix per chunk as read, and the chunk that is not UTF-8 dropped.
+  const std::string output =
       "[sidecar] one\ntwo\n[sidecar] par[sidecar] tial\n[sidecar] 正在运行\n";
-  EXPECT_TRUE(eventually([&] { return recorder->diagnostics() == expected; }, 10s))
-      << recorder->diagnostics();
+  EXPECT_TRUE(eventually([&] { return record().diagnostics == output; }, 5s))
+      << record().diagnostics;
 }
 
-TEST_F(GatewayLaunch, ExitedGatewayIsRelaunchedWithGrowingDelays) {
-  installation.configureGateway({{"exit_code", 3}});
-  constexpr double speed = 10;
-  const auto manager = installation.makeManager(recorder, speed);
+TEST_F(GatewayLaunch, RelaunchScheduleAndCounterUntilARelaunchFails) {
+  developerMode();
+  const auto python = resources() / "python";
+  fs::create_symlink("/usr/bin/python3", python);
+  setEnv("QOR_PYTHON", python.c_str());
+  configureGateway({{"exit_code", 3}});
+  constexpr double speed = 3;
+  const auto manager = makeManager(speed);
 
   manager->start();
-  ASSERT_TRUE(launchesReach(6, 30s));
-  manager->stop();
+  ASSERT_TRUE(eventually([&] { return manager->restartAttempts() == 5; }));
+  fs::remove(python);  // the fifth relaunch, 15 s (here 5 s) later, fails
+  std::this_thread::sleep_for(6s);
 
-  const auto launches = installation.launches();
-  const double expectedDelays[] = {2, 4, 8, 15, 15};
-  for (size_t i = 0; i < 5; ++i) {
-    const double gap = launches[i + 1]["time"].get<double>() - launches[i]["time"].get<double>();
-    const double delay = expectedDelays[i] / speed;
-    EXPECT_GE(gap, delay * 0.95) << "relaunch " << i + 1;
-    EXPECT_LT(gap, delay + 1.0) << "relaunch " << i + 1;
+  const auto launched = launches();
+  ASSERT_EQ(launched.size(), 5u);
+  EXPECT_EQ(manager->restartAttempts(), 5) << "the failed relaunch did not end the chain";
+  const double delays[] = {2, 4, 8, 15};
+  for (size_t i = 0; i < 4; ++i) {
+    // From one gateway's exit to the start of the next, a few milliseconds of launching aside.
+    const double gap =
+        launched[i + 1]["time"].get<double>() - std::stod(linesOf(data() / "exits.log").at(i));
+    EXPECT_GE(gap, delays[i] / speed - 0.01) << "relaunch " << i + 1;
+    EXPECT_LT(gap, delays[i] / speed + 0.25) << "relaunch " << i + 1;
   }
-  EXPECT_GE(manager->restartAttempts(), 5);
 }
 
 TEST_F(GatewayLaunch, StopDuringTheBackOffLaunchesNothing) {
-  installation.configureGateway({{"exit_code", 3}});
-  const auto manager = installation.makeManager(recorder, 10);
-
+  developerMode();
+  configureGateway({{"exit_code", 3}});
+  const auto manager = makeManager(10);
   manager->start();
-  ASSERT_TRUE(eventually([&] { return manager->restartAttempts() == 1; }, 10s));
+  ASSERT_TRUE(eventually([&] { return manager->restartAttempts() == 1; }));
   manager->stop();
-
-  std::this_thread::sleep_for(600ms);  // three times the back-off of 0.2 s
-  EXPECT_EQ(installation.launches().size(), 1u);
+  std::this_thread::sleep_for(1s);  // five times the 2 s (here 0.2 s) back-off
+  EXPECT_EQ(launches().size(), 1u);
   EXPECT_EQ(manager->process(), nullptr);
 }
 
-TEST_F(GatewayLaunch, FailedRelaunchEndsTheChain) {
-  const auto python = installation.root() / "python";
-  std::filesystem::create_symlink("/usr/bin/python3", python);
-  environment.set("QOR_PYTHON", python.string());
-  installation.configureGateway({{"exit_code", 3}});
-  const auto manager = installation.makeManager(recorder, 10);
-
-  manager->start();
-  ASSERT_TRUE(launchesReach(1));
-  std::filesystem::remove(python);
-
-  // The relaunch 0.2 s later fails; nothing follows it, not even 4 s later.
-  ASSERT_TRUE(eventually([&] { return manager->restartAttempts() == 1; }, 5s));
-  std::this_thread::sleep_for(1500ms);
-  EXPECT_EQ(manager->restartAttempts(), 1);
-  EXPECT_EQ(installation.launches().size(), 1u);
-}
-
-TEST_F(GatewayLaunch, StartFailuresAreReportedOnce) {
-  struct Case {
-    std::vector<std::pair<std::string, std::optional<std::string>>> variables;
-    std::string status;
+TEST_F(GatewayLaunch, DeveloperModeAndTheStartFailures) {
+  const std::string failed = "Sidecar startup failed: ";
+  const std::tuple<const char*, const char*, std::string> cases[] = {
+      {"QOR_PYTHON", nullptr, failed + "QOR_DEV set but QOR_PYTHON missing"},
+      {"QOR_SIDECAR_DIR", nullptr, failed + "sidecar dir unresolved"},
+      {"QOR_PYTHON", "/no/python", failed + "cannot launch /no/python: No such file or directory"},
+      // Only exactly "1" means developer mode, and no runtime archive is shipped here.
+      {"QOR_DEV", "true",
+       failed + "Bundled runtime " + archive().filename().string() + " not found"},
   };
-  const std::string archive = "QOR-runtime-" + SidecarManager::architectureName() + ".zip";
-  const Case cases[] = {
-      {{{"QOR_PYTHON", std::nullopt}},
-       "Sidecar startup failed: QOR_DEV set but QOR_PYTHON missing"},
-      {{{"QOR_SIDECAR_DIR", std::nullopt}}, "Sidecar startup failed: sidecar dir unresolved"},
-      {{{"QOR_PYTHON", "/nonexistent/python"}},
-       "Sidecar startup failed: cannot launch /nonexistent/python: No such file or directory"},
-      // Only exactly "1" means developer mode; otherwise the missing archive shows.
-      {{{"QOR_DEV", "true"}}, "Sidecar startup failed: Bundled runtime " + archive + " not found"},
-      {{{"QOR_DEV", "01"}}, "Sidecar startup failed: Bundled runtime " + archive + " not found"},
-  };
-  for (const auto& c : cases) {
-    ScopedEnvironment scoped;
-    for (const auto& [name, value] : c.variables) {
-      if (value) {
-        scoped.set(name, *value);
-      } else {
-        scoped.unset(name);
-      }
-    }
-    const auto caseRecorder = std::make_shared<Recorder>();
-    const auto manager = installation.makeManager(caseRecorder);
-    manager->start();
-    EXPECT_TRUE(eventually([&] { return !caseRecorder->statuses().empty(); }, 5s));
+  for (const auto& [name, value, status] : cases) {
+    developerMode();
+    setEnv(name, value);
+    makeManager()->start();
+    EXPECT_TRUE(eventually([&] { return !record().statuses.empty(); }));
     std::this_thread::sleep_for(200ms);
-    EXPECT_EQ(caseRecorder->statuses(), std::vector<std::string>{c.status});
-    EXPECT_EQ(manager->process(), nullptr);
+    EXPECT_EQ(record().statuses, std::vector{status});
   }
-  EXPECT_TRUE(installation.launches().empty());
-}
+  EXPECT_TRUE(launches().empty());
 
-TEST_F(GatewayLaunch, DeveloperModeSkipsProvisioning) {
-  installation.shipCorruptArchive();
-  installation.configureGateway({});
-  const auto manager = installation.makeManager(recorder);
-
-  manager->start();
-  ASSERT_TRUE(launchesReach(1));
-  EXPECT_FALSE(std::filesystem::exists(installation.runtime()));
+  // Developer mode runs the gateway from its sources and unpacks nothing.
+  developerMode();
+  std::ofstream(archive()) << "not a zip archive";
+  configureGateway({});
+  makeManager()->start();
+  EXPECT_TRUE(eventually([&] { return !record().ready.empty(); }));
+  EXPECT_EQ(launches().at(0)["cwd"], FAKE_GATEWAY_DIR);
+  EXPECT_FALSE(fs::exists(runtime()));
 }
 
 }  // namespace

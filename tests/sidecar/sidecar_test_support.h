@@ -1,135 +1,84 @@
-// Shared scaffolding for the supervisor tests: a throw-away installation
-// (support folder, bundle resources, runtime archive), a main-thread queue
-// that records what reaches the UI, and small waiting helpers.
+// Scaffolding for the supervisor tests: a throw-away installation whose
+// gateway is the stand-in in fake_gateway/, and what reached the UI.
 #pragma once
 
-#include <sys/types.h>
+#include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <deque>
-#include <filesystem>
-#include <functional>
-#include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "base/main_thread_queue.h"
 #include "sidecar/sidecar_manager.h"
 
 namespace qor::testing {
 
 using namespace std::chrono_literals;
+using json = nlohmann::json;
+using Clock = std::chrono::steady_clock;
+namespace fs = std::filesystem;
 
-// Polls `condition` until it holds or `timeout` passes.
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
+inline const std::string shippedVersion = "0.8.0";
 
-// A port nothing listens on right now.
-int freePort();
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 30s);
+int freePort();  // never the same one twice
+std::vector<std::string> linesOf(const fs::path& file);
 
-bool processAlive(pid_t pid);
-
-// The arguments of a running process, its executable first.
-std::vector<std::string> commandLineOf(pid_t pid);
-
-// Everything that reaches the "UI": status texts, ready URLs and diagnostics.
-class Recorder {
+// Holds posted tasks until the test's own thread runs them, like a UI loop.
+class TestQueue : public MainThreadQueue {
  public:
-  void addStatus(const std::string& text);
-  void addReady(const std::string& url);
-  void addDiagnostic(std::string_view bytes);
-
-  std::vector<std::string> statuses() const;
-  std::vector<std::string> readyURLs() const;
-  std::string diagnostics() const;
-  // The thread ids the callbacks ran on.
-  std::vector<std::thread::id> callbackThreads() const;
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> statuses_;
-  std::vector<std::string> readyURLs_;
-  std::string diagnostics_;
-  std::vector<std::thread::id> callbackThreads_;
-};
-
-// Runs posted tasks in order on one thread of its own, like a UI loop.
-class SerialQueue : public MainThreadQueue {
- public:
-  SerialQueue();
-  ~SerialQueue() override;
   void post(std::function<void()> task) override;
-  std::thread::id threadId() const { return thread_.get_id(); }
+  void run();
 
  private:
   std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<std::function<void()>> tasks_;
-  bool closing_ = false;
-  std::thread thread_;
+  std::vector<std::function<void()>> tasks_;
 };
 
-// A private support folder, bundle resource folder and ports per test.
-class TestInstallation {
- public:
-  TestInstallation();
-  ~TestInstallation();
+// What reached the UI, and the diagnostics (passed through the queue too).
+struct Record {
+  std::vector<std::string> statuses, ready;
+  std::string diagnostics;
+};
 
-  std::filesystem::path root() const { return root_; }
-  std::filesystem::path support() const { return root_ / "support"; }
-  std::filesystem::path resources() const { return root_ / "resources"; }
-  std::filesystem::path product() const { return support() / "QOR Velmora"; }
-  std::filesystem::path data() const { return product() / "data"; }
-  std::filesystem::path runtime() const;
-  std::filesystem::path backups() const { return product() / "data-backups"; }
-  // The folder holding the stand-in gateway package, for developer mode.
-  static std::filesystem::path fakeGatewaySources();
+// A private support folder, resource folder (shipping `shippedVersion`),
+// ports and environment; the stand-in gateway obeys <data>/fake-gateway.json.
+class SidecarTest : public ::testing::Test {
+ protected:
+  SidecarTest();
+  ~SidecarTest() override;
 
-  int gatewayPort = freePort();
-  int litellmPort = freePort();
+  fs::path support() const { return root_ / "support"; }
+  fs::path resources() const { return root_ / "resources"; }
+  fs::path product() const { return support() / "QOR Velmora"; }
+  fs::path data() const { return product() / "data"; }
+  fs::path backups() const { return product() / "data-backups"; }
+  fs::path runtime() const { return product() / "runtime" / SidecarManager::architectureName(); }
+  fs::path archive() const;
 
-  // Ships a runtime archive of the stand-in gateway with this version.
-  void shipRuntime(const std::string& version);
-  void shipCorruptArchive();
-  void setShippedVersion(const std::string& version);
-  // Tells the stand-in gateway how to behave (see its main.py).
-  void configureGateway(nlohmann::json config);
-  // One JSON object per gateway start.
-  std::vector<nlohmann::json> launches() const;
-  std::vector<std::string> signalsReceived() const;
+  void setEnv(const std::string& name, const char* value);  // nullptr removes it
+  void developerMode();
+  void shipRuntime(const std::string& version);  // the stand-in as a runtime archive
+  void configureGateway(json config, fs::path dataDir = {});
+  std::vector<json> launches() const;  // one object per gateway start
+  std::vector<std::string> signals() const { return linesOf(data() / "signals.log"); }
+  // A manager on this installation; record() then shows what it reported.
+  std::shared_ptr<SidecarManager> makeManager(double clockSpeed = 1.0);
+  Record record();
+  // A child killed when the test ends.
+  std::shared_ptr<ChildProcess> launch(LaunchOptions options);
+  // The stand-in outside any manager, listening on `port` when this returns.
+  std::shared_ptr<ChildProcess> runStandIn(const fs::path& dataDir, int port);
 
-  // Returns once every task posted to the UI so far has run.
-  void drainQueue();
-
-  std::shared_ptr<SidecarManager> makeManager(const std::shared_ptr<Recorder>& recorder,
-                                              double clockSpeed = 1.0);
+  const int gatewayPort = freePort(), litellmPort = freePort();
 
  private:
-  std::filesystem::path root_;
-  std::shared_ptr<SerialQueue> queue_ = std::make_shared<SerialQueue>();
+  fs::path root_;
+  std::vector<std::pair<std::string, std::optional<std::string>>> savedEnvironment_;
+  std::shared_ptr<TestQueue> queue_;
+  std::shared_ptr<Record> record_;
   std::vector<std::shared_ptr<SidecarManager>> managers_;
+  std::vector<std::shared_ptr<ChildProcess>> children_;
 };
-
-// Sets environment variables for one test and restores them afterwards.
-class ScopedEnvironment {
- public:
-  ScopedEnvironment() = default;
-  ScopedEnvironment(ScopedEnvironment&& other) noexcept : saved_(std::exchange(other.saved_, {})) {}
-  ScopedEnvironment& operator=(ScopedEnvironment&&) = delete;
-  ScopedEnvironment& set(const std::string& name, const std::string& value);
-  ScopedEnvironment& unset(const std::string& name);
-  ~ScopedEnvironment();
-
- private:
-  void remember(const std::string& name);
-  std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
-};
-
-// Developer mode running the stand-in gateway with the machine's Python.
-ScopedEnvironment developerMode();
 
 }  // namespace qor::testing

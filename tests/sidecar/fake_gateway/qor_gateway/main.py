@@ -1,93 +1,62 @@
-"""A stand-in gateway whose behaviour each test chooses.
-
-It reads <data-dir>/fake-gateway.json at start (all keys optional):
-  exit_code      exit at once with this code
-  ignore_term    ignore SIGTERM
-  output         list of texts (or {"hex": ...} byte chunks) written to stdout,
-                 each flushed on its own with a pause, before serving
-  status         HTTP status of /healthz (default 200)
-  version        the "version" of /healthz (default: the shipped version given
-                 in "shipped_version")
-  body           a raw /healthz body instead of JSON
-  by_launch      a list of objects overriding the keys above for launch 0, 1, …
-Every launch appends one JSON line to <data-dir>/launches.jsonl with its pid,
-argv, working folder, environment and start time, and every signal it gets
-to <data-dir>/signals.log.
+"""A stand-in gateway doing what <data-dir>/fake-gateway.json orders: exit_code, ignore_term, output
+(texts or {"hex": ...} chunks), status, body or version of /healthz, by_launch (overrides for launch
+0, 1, ...). It logs starts to launches.jsonl, SIGTERMs to signals.log, exit_code exits to exits.log.
 """
-import argparse
-import http.server
-import json
-import os
-import signal
-import sys
 import time
 
+started = time.monotonic()  # before the imports, for the relaunch timing
+import http.server, json, os, signal, sys, threading  # noqa: E402
 
-def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--port", type=int, required=True)
-    parser.add_argument("--litellm-port", type=int, required=True)
-    parser.add_argument("--data-dir", required=True)
-    args = parser.parse_args()
+options = dict(zip(sys.argv[1::2], sys.argv[2::2]))  # --port P --litellm-port L --data-dir D
+data = options["--data-dir"]
+with open(os.path.join(data, "launches.jsonl"), "a+") as log:
+    log.seek(0)
+    launch = len(log.readlines())
+    log.write(json.dumps({"pid": os.getpid(), "argv": sys.orig_argv, "cwd": os.getcwd(),
+                          "env": dict(os.environ), "time": started}) + "\n")
+with open(os.path.join(data, "fake-gateway.json")) as orders:
+    config = json.load(orders)
+config.update(dict(enumerate(config.get("by_launch", []))).get(launch, {}))
 
-    launches = os.path.join(args.data_dir, "launches.jsonl")
-    launch_index = 0
-    if os.path.exists(launches):
-        with open(launches) as f:
-            launch_index = sum(1 for _ in f)
-    with open(launches, "a") as f:
-        f.write(json.dumps({
-            "pid": os.getpid(),
-            "argv": sys.argv,
-            "cwd": os.getcwd(),
-            "env": dict(os.environ),
-            "time": time.monotonic(),
-        }) + "\n")
 
-    config = {}
-    config_path = os.path.join(args.data_dir, "fake-gateway.json")
-    if os.path.exists(config_path):
-        with open(config_path) as f:
-            config = json.load(f)
-    overrides = config.get("by_launch", [])
-    if launch_index < len(overrides):
-        config.update(overrides[launch_index])
+def on_term(number, _frame):
+    with open(os.path.join(data, "signals.log"), "a") as log:
+        log.write(f"{os.getpid()} {number}\n")
+    if not config.get("ignore_term"):
+        sys.exit(0)
 
-    def record_signal(number, _frame):
-        with open(os.path.join(args.data_dir, "signals.log"), "a") as f:
-            f.write(f"{os.getpid()} {number}\n")
-        if number == signal.SIGTERM and not config.get("ignore_term"):
-            sys.exit(0)
 
-    signal.signal(signal.SIGTERM, record_signal)
-
-    if "exit_code" in config:
-        sys.exit(config["exit_code"])
-
-    for chunk in config.get("output", []):
-        data = bytes.fromhex(chunk["hex"]) if isinstance(chunk, dict) else chunk.encode()
-        sys.stdout.buffer.write(data)
-        sys.stdout.buffer.flush()
+def exit_with_parent(parent=os.getppid()):  # never outlive a test that crashed
+    while os.getppid() == parent:
         time.sleep(0.2)
-
-    class Handler(http.server.BaseHTTPRequestHandler):
-        def do_GET(self):
-            if "body" in config:
-                body = config["body"].encode()
-            else:
-                body = json.dumps({"version": config.get("version", config.get("shipped_version"))}).encode()
-            self.send_response(config.get("status", 200))
-            self.send_header("Content-Length", str(len(body)))
-            self.end_headers()
-            if config.get("status", 200) not in (204, 304):
-                self.wfile.write(body)
-
-        def log_message(self, *_):
-            pass
-
-    server = http.server.HTTPServer(("127.0.0.1", args.port), Handler)
-    server.serve_forever()
+    os._exit(1)
 
 
-if __name__ == "__main__":
-    main()
+signal.signal(signal.SIGTERM, on_term)
+threading.Thread(target=exit_with_parent, daemon=True).start()
+if "exit_code" in config:
+    with open(os.path.join(data, "exits.log"), "a") as log:
+        log.write(f"{time.monotonic()}\n")
+    os._exit(config["exit_code"])
+for chunk in config.get("output", []):
+    is_bytes = isinstance(chunk, dict)
+    sys.stdout.buffer.write(bytes.fromhex(chunk["hex"]) if is_bytes else chunk.encode())
+    sys.stdout.buffer.flush()
+    time.sleep(0.2)
+
+
+class Health(http.server.BaseHTTPRequestHandler):
+    def do_GET(self):
+        status = config.get("status", 200)
+        body = config.get("body", json.dumps({"version": config["version"]}))
+        body = b"" if status == 204 else body.encode()
+        self.send_response(status)
+        self.send_header("Content-Length", str(len(body)))
+        self.end_headers()
+        self.wfile.write(body)
+
+    def log_message(self, *_):
+        pass
+
+
+http.server.HTTPServer(("127.0.0.1", int(options["--port"])), Health).serve_forever()

@@ -1,0 +1,81 @@
+// Checking for updates against a real HTTPS server: every outcome of a
+// silent and of a user check, and the two silent flags.
+#include "updater_test_support.h"
+
+namespace qor::testing {
+namespace {
+
+// The server's answer: a manifest offering `version`, changed by `extra`.
+json offering(const std::string& version, const json& extra = json::object()) {
+  json manifest = {{"version", version},
+                   {"platforms", {{"linux-x64", {{"url", "u"}, {"sha256", "0"}}}}}};
+  manifest.update(extra);
+  return {{"body", manifest.dump()}};
+}
+
+TEST_F(UpdaterTest, CheckOutcomesForTheUserAndOnlyOffersWhenSilent) {
+  const std::string failed = "无法检查更新|", unavailable = failed + "更新服务暂时不可用（HTTP ";
+  const std::string noAsset = "无法更新|没有适配当前芯片架构（";
+  const std::tuple<json, std::function<void(Updater::Settings&)>, std::string> outcomes[] = {
+      {{}, [](auto& s) { s.host = "127.0.0.1:1"; }, failed + "Failed to connect to 127.0.0.1*|好"},
+      {{}, [](auto& s) { s.extraCAFile.clear(); }, failed + "SSL certificate problem: *|好"},
+      {{{"close", true}}, {}, failed + "更新服务无响应。|好"},
+      {{{"status", 304}}, {}, unavailable + "304）。|好"},
+      {{}, {}, unavailable + "404）。|好"},
+      {{{"status", 500}, {"body", "oops"}}, {}, unavailable + "500）。|好"},
+      {{{"body", ""}}, {}, unavailable + "200）。|好"},
+      {offering("1", {{"platforms", {{"linux-x64", {{"url", "u"}, {"sha256", 7}}}}}}),
+       {},
+       failed + "更新清单解析失败：\"platforms.linux-x64.sha256\" must be a string*|好"},
+      {offering("1.1.0", {{"platforms", json::object()}}),
+       {},
+       noAsset + "linux-x64）的安装包。|好"},
+      {offering("1.1.0"), [](auto& s) { s.machineName = "riscv64"; },
+       noAsset + "未知）的安装包。|好"},
+      // min_version without a newer version forces nothing.
+      {offering("1.0", {{"min_version", "3"}}), {}, "已是最新版本|当前版本 1.0.0，无需更新。|好"},
+      {offering("1.1.0", {{"notes", "修复\n改进"}, {"min_version", "1.0.0"}}),
+       {},
+       "发现新版本 1.1.0|当前版本：1.0.0\n修复\n改进|立即更新,稍后"},
+      {offering("2.0.0", {{"notes", ""}, {"min_version", "1.0.1"}}),
+       {},
+       "必须更新到 2.0.0|当前版本：1.0.0\n建议更新以获得最新修复与改进。|立即更新|critical"},
+  };
+  for (const auto& [latest, change, expected] : outcomes) {
+    SCOPED_TRACE(expected);
+    route({{"/qor/latest.json", latest}});
+    const bool offer = expected.find("|立即更新") != std::string::npos;
+    const auto before = ui_->alerts.size();
+    const auto silent = makeUpdater(change);
+    silent->scheduleAutomaticCheck();
+    ui_->pumpFor(150ms);  // half of the 3 s
+    EXPECT_EQ(ui_->alerts.size(), before) << "too early";
+    ui_->pumpUntil([&] { return ui_->alerts.size() > before; }, offer ? 20s : 500ms);
+    ASSERT_EQ(ui_->alerts.size(), before + offer);
+
+    const auto user = makeUpdater(change);
+    user->checkForUpdates();
+    ASSERT_TRUE(ui_->pumpUntil([&] { return ui_->alerts.size() == before + offer + 1; }));
+    for (auto i = before; i < ui_->alerts.size(); ++i) EXPECT_PRED2(fits, expected, ui_->alerts[i]);
+  }
+  EXPECT_TRUE(ui_->progress.empty()) << "unanswered offers start nothing";
+}
+
+// A failed request is judged by the flag of its own check, a manifest by the
+// flag of the check that started last: here a silent one after a user check.
+TEST_F(UpdaterTest, CheckKeepsBothSilentFlags) {
+  const auto updater = makeUpdater();
+  for (json latest : {offering("1.0.0"), json{{"status", 500}}}) {
+    latest["delay"] = 0.6;
+    route({{"/qor/latest.json", latest}});
+    updater->checkForUpdates();
+    updater->scheduleAutomaticCheck();    // starts 0.3 s later, while the first waits
+    std::this_thread::sleep_for(1500ms);  // both requests end before the UI thread runs
+  }
+  ui_->pumpFor(300ms);
+  EXPECT_EQ(ui_->alerts,
+            std::vector<std::string>{"无法检查更新|更新服务暂时不可用（HTTP 500）。|好"});
+}
+
+}  // namespace
+}  // namespace qor::testing

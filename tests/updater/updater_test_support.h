@@ -1,0 +1,181 @@
+// Scaffolding for the updater tests: a real HTTPS server (update_server.py), and an installed
+// bundle and a temporary folder whose paths hold a space and a "'".
+#pragma once
+
+#include <fnmatch.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <thread>
+
+#include "base/child_process.h"
+#include "base/files.h"
+#include "updater/updater.h"
+
+namespace qor::testing {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+
+inline std::string readFile(const std::filesystem::path& file) {
+  return readTextFile(file).value_or("");
+}
+
+inline void writeFile(const std::filesystem::path& file, std::string_view contents) {
+  std::filesystem::create_directories(file.parent_path());
+  std::ofstream(file, std::ios::binary) << contents;
+}
+
+inline std::set<std::string> entriesOf(const std::filesystem::path& folder) {
+  std::set<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder))
+    names.insert(entry.path().filename());
+  return names;
+}
+
+// Whether `text` fits `pattern`, in which "*" stands for any text.
+inline bool fits(const std::string& pattern, const std::string& text) {
+  return fnmatch(pattern.c_str(), text.c_str(), 0) == 0;
+}
+
+// The UI thread (the test's own: posted tasks run when the test pumps) and
+// the user, who answers alerts as the test says.
+class TestUI : public MainThreadQueue, public UpdaterDialogs {
+ public:
+  std::optional<std::size_t> answer;  // the button pressed in every alert; none: closed
+  bool cancelOnFirstValue = false;    // presses "取消" when the bar first moves
+  std::vector<std::string> alerts;    // "title|text|button,button", "…|critical" when critical
+  std::vector<std::chrono::steady_clock::time_point> answeredAt;
+  std::vector<std::string> progress;  // "show title|text|button", "maximum n", "value n", "close"
+
+  void post(std::function<void()> task) override {
+    std::lock_guard lock(mutex_);
+    tasks_.push_back(std::move(task));
+  }
+  // Runs posted tasks until `done` holds (true) or `timeout` has passed.
+  bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 20s) {
+    for (const auto end = std::chrono::steady_clock::now() + timeout; !done();) {
+      if (std::chrono::steady_clock::now() > end) return false;
+      std::this_thread::sleep_for(5ms);
+      std::unique_lock lock(mutex_);
+      auto tasks = std::exchange(tasks_, {});
+      lock.unlock();
+      for (auto& task : tasks) task();
+    }
+    return true;
+  }
+  void pumpFor(std::chrono::milliseconds time) {
+    pumpUntil([] { return false; }, time);
+  }
+
+  void showAlert(const UpdateAlert& alert, AlertCompletion completion) override {
+    onUIThread();
+    std::string buttons;
+    for (const auto& button : alert.buttons) buttons += (buttons.empty() ? "" : ",") + button;
+    alerts.push_back(alert.title + "|" + alert.text + "|" + buttons +
+                     (alert.style == UpdateAlertStyle::critical ? "|critical" : ""));
+    post([this, completion, button = answer] {
+      answeredAt.push_back(std::chrono::steady_clock::now());
+      completion(button);
+    });
+  }
+  void showProgress(const UpdateProgress& dialog, std::function<void()> onCancel) override {
+    record("show " + dialog.title + "|" + dialog.text + "|" + dialog.cancelButton);
+    onCancel_ = std::move(onCancel);
+  }
+  void setProgressMaximum(double maximum) override { record("maximum " + whole(maximum)); }
+  void setProgressValue(double value) override {
+    record("value " + whole(value));
+    if (cancelOnFirstValue && onCancel_) post(std::exchange(onCancel_, nullptr));
+  }
+  void closeProgress() override { record("close"), onCancel_ = nullptr; }
+
+ private:
+  void onUIThread() const { EXPECT_EQ(std::this_thread::get_id(), uiThread_); }
+  void record(std::string event) { onUIThread(), progress.push_back(std::move(event)); }
+  static std::string whole(double number) { return std::to_string(std::int64_t(number)); }
+
+  const std::thread::id uiThread_ = std::this_thread::get_id();
+  std::mutex mutex_;
+  std::vector<std::function<void()>> tasks_;
+  std::function<void()> onCancel_;
+};
+
+class UpdaterTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string folder = (std::filesystem::temp_directory_path() / "qor-update-XXXXXX").string();
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    root_ = folder;
+    temporary_ = root_ / "tmp dir's";
+    bundle_ = root_ / "user's apps" / "QOR Velmora";
+    std::filesystem::create_directories(temporary_);
+    writeFile(bundle_ / "share" / "qor-velmora" / "APP_VERSION", "1.0.0\n");
+    server_ = ChildProcess::launch({.executable = "/usr/bin/python3",
+                                    .arguments = {UPDATE_SERVER_SCRIPT, root_},
+                                    .output = OutputMode::discard})
+                  .value();
+    ASSERT_TRUE(ui_->pumpUntil([&] { return std::filesystem::exists(root_ / "port"); }));
+    host_ = "127.0.0.1:" + readFile(root_ / "port");
+  }
+  void TearDown() override {
+    if (server_) server_->kill(), server_->waitForExit();
+    std::filesystem::remove_all(root_);
+  }
+
+  std::shared_ptr<Updater> makeUpdater(const std::function<void(Updater::Settings&)>& change = {}) {
+    Updater::Settings settings{.host = host_,
+                               .extraCAFile = root_ / "ca.pem",
+                               .temporaryDirectory = temporary_,
+                               .bundleRoot = bundle_,
+                               .supportDirectory = root_ / "support",
+                               .machineName = "x86_64",
+                               .clockSpeed = 10.0};
+    if (change) change(settings);
+    return std::make_shared<Updater>(ui_, ui_, settings);
+  }
+
+  std::string url(const std::string& path) const { return "https://" + host_ + path; }
+  void route(const json& routes) const {  // whole, since the server may read it at any time
+    EXPECT_TRUE(writeFileAtomically(root_ / "routes.json", routes.dump()));
+  }
+
+  // Publishes a bundle of 1.1.0 in `folder`, or `bytes` instead, at
+  // /<name>.tar.gz and returns its asset. The new program leaves a mark.
+  json publishImage(const std::string& name, const std::string& folder = "QOR Velmora",
+                    const std::string& bytes = "") const {
+    const auto build = root_ / name, archive = root_ / (name + ".tar.gz");
+    const auto program = build / folder / "bin" / "qor-velmora";
+    writeFile(build / folder / "share" / "qor-velmora" / "APP_VERSION", "1.1.0\n");
+    writeFile(program, "#!/bin/sh\necho started > \"${0%/*}/../started\"\n");
+    std::filesystem::permissions(program, std::filesystem::perms(0755));
+    if (!bytes.empty()) writeFile(archive, bytes);
+    const auto pack =
+        "[ -f \"$1\" ] || tar -czf \"$1\" -C \"$2\" \"$3\" && sha256sum \"$1\" >\"$2/sum\"";
+    EXPECT_EQ(ChildProcess::run({"/bin/sh", {"-c", pack, "sh", archive, build, folder}}).value(),
+              0);
+    return {{"url", url("/" + name + ".tar.gz")},
+            {"sha256", readFile(build / "sum").substr(0, 64)},
+            {"size", std::filesystem::file_size(archive)}};
+  }
+
+  // Offers `asset` as 1.1.0 for this machine and accepts the update.
+  void acceptUpdate(Updater& updater, const json& asset) {
+    writeFile(root_ / "qor" / "latest.json",
+              json{{"version", "1.1.0"}, {"platforms", {{"linux-x64", asset}}}}.dump());
+    ui_->answer = 0;
+    updater.checkForUpdates();
+  }
+
+  std::filesystem::path root_;
+  std::filesystem::path temporary_;  // the updater's temporary folder
+  std::filesystem::path bundle_;     // the installed bundle
+  std::string host_;
+  std::shared_ptr<TestUI> ui_ = std::make_shared<TestUI>();
+  std::shared_ptr<ChildProcess> server_;
+};
+
+}  // namespace qor::testing
