@@ -6,12 +6,10 @@
 #include <string_view>
 
 #include "app/build_config.h"
+#include "app/gtk_updater_dialogs.h"
 #include "app/main_menu.h"
 #include "app/navigation_policy.h"
 #include "app/product_name.h"
-#include "base/bundle.h"
-#include "base/files.h"
-#include "base/text.h"
 
 namespace qor {
 namespace {
@@ -27,13 +25,6 @@ std::string requestURL(WebKitNavigationAction* action) {
   WebKitURIRequest* request = webkit_navigation_action_get_request(action);
   const char* uri = request ? webkit_uri_request_get_uri(request) : nullptr;
   return uri ? uri : "";
-}
-
-// The bundle's APP_VERSION, trimmed; "0.0.0" when missing or empty.
-std::string appVersion() {
-  const auto text = readTextFile(bundleResourceDirectory() / "APP_VERSION");
-  const std::string version = text ? trimmed(*text) : "";
-  return version.empty() ? "0.0.0" : version;
 }
 
 const char* editingCommand(std::string_view action) {
@@ -101,22 +92,26 @@ void AppDelegate::applicationDidFinishLaunching() {
   GObjectPtr<GMenuModel> menu = buildMainMenu(app_);
   gtk_application_set_menubar(app_, menu.get());
   buildWindow();
+  updater_ =
+      std::make_shared<Updater>(mainThread_, std::make_shared<GtkUpdaterDialogs>(window_.get()));
+  // The normal way out, so the gateway is stopped before the install script
+  // replaces the bundle.
+  updater_->terminateApplication = [app = app_] { g_application_quit(G_APPLICATION(app)); };
   installActions();
   connectSignals();
   gtk_window_present(window_.get());
 
+  // The supervisor delivers both on this thread through the main-thread
+  // queue; they hold the controller weakly.
   std::weak_ptr<AppDelegate> weakSelf = weak_from_this();
-  sidecar_->onStatus = [weakSelf, queue = mainThread_](const std::string& text) {
-    queue->post([weakSelf, text] {
-      if (auto self = weakSelf.lock()) self->showStatus(text);
-    });
+  sidecar_->onStatus = [weakSelf](const std::string& text) {
+    if (auto self = weakSelf.lock()) self->showStatus(text);
   };
-  sidecar_->onReady = [weakSelf, queue = mainThread_](const std::string& url) {
-    queue->post([weakSelf, url] {
-      if (auto self = weakSelf.lock()) self->loadGateway(url);
-    });
+  sidecar_->onReady = [weakSelf](const std::string& url) {
+    if (auto self = weakSelf.lock()) self->loadGateway(url);
   };
   sidecar_->start();
+  updater_->scheduleAutomaticCheck();
 }
 
 // A second launch: bring the window back unless it is already on screen.
@@ -174,6 +169,7 @@ void AppDelegate::buildWindow() {
 void AppDelegate::installActions() {
   const GActionEntry applicationActions[] = {
       {"about", onAbout, nullptr, nullptr, nullptr, {}},
+      {"check-for-updates", onCheckForUpdates, nullptr, nullptr, nullptr, {}},
       {"hide", onHide, nullptr, nullptr, nullptr, {}},
       {"hide-others", nullptr, nullptr, nullptr, nullptr, {}},
       {"unhide-all", nullptr, nullptr, nullptr, nullptr, {}},
@@ -349,7 +345,7 @@ void AppDelegate::openWithDefaultHandler(const std::string& url) {
 
 void AppDelegate::onAbout(GSimpleAction*, GVariant*, gpointer self) {
   auto* delegate = static_cast<AppDelegate*>(self);
-  const std::string version = appVersion();
+  const std::string version = delegate->updater_->currentVersion();
   GtkWindow* parent = delegate->window_.get();
   const bool hasIcon = gtk_icon_theme_has_icon(
       gtk_icon_theme_get_for_display(gtk_widget_get_display(GTK_WIDGET(parent))), iconName);
@@ -360,6 +356,10 @@ void AppDelegate::onAbout(GSimpleAction*, GVariant*, gpointer self) {
 // Desktops have no "hide application"; minimising is the nearest thing.
 void AppDelegate::onHide(GSimpleAction*, GVariant*, gpointer self) {
   gtk_window_minimize(static_cast<AppDelegate*>(self)->window_.get());
+}
+
+void AppDelegate::onCheckForUpdates(GSimpleAction*, GVariant*, gpointer self) {
+  static_cast<AppDelegate*>(self)->updater_->checkForUpdates();
 }
 
 void AppDelegate::onQuit(GSimpleAction*, GVariant*, gpointer self) {

@@ -1,7 +1,7 @@
 // AppDelegate: the application shell's controller. It owns the main window
-// with its boot label and web view, and the sidecar supervisor; it decides
-// where the web view's navigations go, carries out the gateway's action
-// links and answers the page's script dialogs.
+// with its boot label and web view, the sidecar supervisor and the updater;
+// it decides where the web view's navigations go, carries out the gateway's
+// action links and answers the page's script dialogs.
 //
 // Threads: everything here runs on the UI thread. The supervisor's callbacks
 // reach it through the main-thread queue and hold it only weakly.
@@ -18,6 +18,7 @@
 #include "app/gobject_ptr.h"
 #include "app/script_dialog_queue.h"
 #include "sidecar/sidecar_manager.h"
+#include "updater/updater.h"
 
 namespace qor {
 
@@ -52,6 +53,7 @@ class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
   // Menu actions.
   static void onAbout(GSimpleAction*, GVariant*, gpointer self);
   static void onHide(GSimpleAction*, GVariant*, gpointer self);
+  static void onCheckForUpdates(GSimpleAction*, GVariant*, gpointer self);
   static void onQuit(GSimpleAction*, GVariant*, gpointer self);
   static void onEditingCommand(GSimpleAction* action, GVariant*, gpointer self);
   static void onMinimize(GSimpleAction*, GVariant*, gpointer self);
@@ -82,6 +84,8 @@ class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
   const std::shared_ptr<SidecarManager> sidecar_;
   GObjectPtr<GtkLabel> bootLabel_;
   std::unique_ptr<ScriptDialogQueue> scriptDialogs_;
+  // Made with the window it shows its dialogs over; goes before the window.
+  std::shared_ptr<Updater> updater_;
 };
 
 }  // namespace qor

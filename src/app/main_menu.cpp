@@ -21,6 +21,8 @@ constexpr MenuItem separator{nullptr};
 constexpr MenuItem applicationMenu[] = {
     {"关于 QOR Velmora", "app.about"},
     separator,
+    {"检查更新…", "app.check-for-updates"},
+    separator,
     {"隐藏 QOR Velmora", "app.hide", "<Primary>h"},
     {"隐藏其他", "app.hide-others", "<Alt><Primary>h"},
     {"全部显示", "app.unhide-all"},

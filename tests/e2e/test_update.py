@@ -1,0 +1,127 @@
+"""An update end to end, from 1.0.0 to 1.1.0 on a local HTTPS server; a tampered one refused."""
+
+import hashlib, http.server, json, os, platform, shutil, signal, ssl, subprocess, tempfile
+import threading, time, unittest
+
+from harness import (BUNDLE, Session, bundle_file, find_all, pid_alive, port_listening, press,
+                     texts, titles, wait_until)
+
+# The shell built to update from localhost:PORT; it trusts the authority at CA, made here.
+SHELL, CA = os.environ["QOR_E2E_UPDATE_SHELL"], os.environ["QOR_E2E_UPDATE_CA"]
+PORT, IMAGE, NOTES = int(os.environ["QOR_E2E_UPDATE_PORT"]), "/qor/QOR-Velmora.tar.gz", "修复"
+FOUND = ["发现新版本 1.1.0", "当前版本：1.0.0\n" + NOTES]
+DOWNLOADING = ["正在下载更新 1.1.0", "下载完成并校验通过后，QOR 将自动重启完成安装。"]
+READY = ["准备安装 1.1.0", "QOR 将退出并自动重启，窗口会在几秒后重新打开。"]
+MISMATCH = "安装包校验和不匹配，可能已损坏或被篡改。\n期望 {}…\n实际 {}…"
+
+
+class Handler(http.server.BaseHTTPRequestHandler):
+    def do_GET(self):  # the server's files, each body `pause` seconds after its headers
+        self.server.asked.append(self.path)
+        body = self.server.files.get(self.path, b"")
+        self.send_response(200 if self.path in self.server.files else 404)
+        self.send_header("Content-Length", str(len(body)))
+        self.end_headers()
+        time.sleep(self.server.pause)
+        self.wfile.write(body)
+
+
+def stage(folder, version):  # a copy of the staged bundle with the update-enabled shell
+    shutil.copytree(BUNDLE, bundle := os.path.join(folder, "QOR Velmora"), symlinks=True)
+    shutil.copy2(SHELL, f"{bundle}/bin/qor-velmora")
+    with open(f"{bundle}/share/qor-velmora/APP_VERSION", "w") as f:
+        f.write(version + "\n")
+    return bundle
+
+
+class UpdateTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        os.makedirs(folder := os.path.dirname(CA), exist_ok=True)
+        new = ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+               "ec_paramgen_curve:prime256v1", "-nodes", "-days", "1", "-keyout"]
+        for command in ([*new, "ca.key", "-out", CA, "-subj", "/CN=QOR e2e"],
+                        [*new, "key.pem", "-out", "cert.pem", "-subj", "/CN=localhost", "-CA",
+                         CA, "-CAkey", "ca.key", "-addext", "basicConstraints=CA:FALSE",
+                         "-addext", "subjectAltName=DNS:localhost"]):
+            subprocess.run(command, cwd=folder, check=True, capture_output=True)
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(f"{folder}/cert.pem", f"{folder}/key.pem")
+        cls.server = http.server.ThreadingHTTPServer(("127.0.0.1", PORT), Handler)
+        cls.server.socket = context.wrap_socket(cls.server.socket, server_side=True)
+        threading.Thread(target=cls.server.serve_forever, daemon=True).start()
+        cls.addClassCleanup(cls.server.server_close)
+        cls.addClassCleanup(cls.server.shutdown)
+        with tempfile.TemporaryDirectory() as staging:
+            stage(staging, "1.1.0")
+            cls.image = subprocess.run(["tar", "-czf", "-", "-C", staging, "QOR Velmora"],
+                                       check=True, capture_output=True).stdout
+        key = {"x86_64": "linux-x64", "aarch64": "linux-arm64"}[platform.machine()]
+        cls.manifest = json.dumps({"version": "1.1.0", "notes": NOTES, "platforms": {key: {
+            "url": f"https://localhost:{PORT}{IMAGE}", "size": len(cls.image),
+            "sha256": hashlib.sha256(cls.image).hexdigest()}}}).encode()
+
+    def start(self, name, files, pause=0.0):  # a 1.0.0 bundle in a folder of its own, running
+        self.server.files, self.server.asked, self.server.pause = files, [], pause
+        s = Session(name)
+        self.addCleanup(s.close)
+        s.launch(f"{(bundle := stage(f'{s.root}/apps', '1.0.0'))}/bin/qor-velmora")
+        s.wait_ready()
+        return s, bundle
+
+    def test_update_installs_and_relaunches(self):
+        s, bundle = self.start("update", {})
+        # The automatic check asks 3 s after launch; its failure shows nothing.
+        wait_until(lambda: "/qor/latest.json" in self.server.asked, 15, "the automatic check")
+        self.server.files = {"/qor/latest.json": self.manifest, IMAGE: self.image}
+        s.choose("QOR Velmora", "检查更新…")
+        self.assertEqual(titles(dialog := s.dialog()), ["稍后", "立即更新"])
+        self.assertEqual(texts(dialog), FOUND)
+        s.screenshot("update-found")
+        press(dialog, "立即更新")
+        self.assertEqual(texts(dialog := s.dialog(READY[0], 60)), READY)
+        press(dialog, "立即重启")
+        # The old shell quits the normal way, which stops its gateway; the script then
+        # replaces the bundle and starts it again, with a gateway of its own.
+        self.assertEqual(s.app.wait(timeout=30), 0)
+        self.assertFalse(pid_alive(old := s.gateway_pids()[0]))
+        self.assertEqual([e["pid"] for e in s.events("sigterm")], [old])
+        new = wait_until(lambda: s.gateway_pids()[1:], 60, "a new gateway")[0]
+        s.wait_ready(pages=2)
+        with open(f"/proc/{new}/stat") as f:
+            s.pid = int(f.read().rsplit(")", 1)[1].split()[1])
+        self.assertEqual(os.readlink(f"/proc/{s.pid}/exe"), f"{bundle}/bin/qor-velmora")
+        self.assertEqual(bundle_file(bundle, "APP_VERSION"), "1.1.0")
+        self.assertEqual([f for f in os.listdir(s.env["TMPDIR"]) if "-install-" not in f], [])
+        s.main_window()  # the new window, whose quitting stops the new gateway
+        os.kill(s.pid, signal.SIGTERM)
+        s.assert_quit_cleanly(self, pid=s.pid)
+
+    def test_tampered_image_is_refused(self):
+        tampered = bytearray(self.image)
+        tampered[len(tampered) // 2] ^= 0xFF
+        s, bundle = self.start("update-tampered", {"/qor/latest.json": self.manifest,
+                                                   IMAGE: bytes(tampered)}, pause=2)
+        # The automatic check finds the update by itself this time.
+        self.assertEqual(texts(dialog := s.dialog(timeout=30)), FOUND)
+        press(dialog, "立即更新")
+        progress = s.dialog(DOWNLOADING[0])
+        self.assertEqual((texts(progress), titles(progress)), (DOWNLOADING, ["取消"]))
+        bar = find_all(progress, role="progress bar")[0].queryComponent().getExtents(1)
+        self.assertEqual((bar.width, bar.height), (260, 14))
+        dialog = s.dialog("已阻止更新", 60)
+        digests = (hashlib.sha256(x).hexdigest()[:16] for x in (self.image, tampered))
+        self.assertEqual(texts(dialog)[1:], [MISMATCH.format(*digests)])
+        s.screenshot("update-blocked")
+        press(dialog, "好")
+        wait_until(lambda: not s.windows("dialog"), 10, "the alert to close")
+        # Still 1.0.0, still running, with the same gateway.
+        self.assertEqual(bundle_file(bundle, "APP_VERSION"), "1.0.0")
+        self.assertEqual((s.app.poll(), len(s.gateway_pids()), port_listening()), (None, 1, True))
+        self.assertEqual(os.listdir(s.env["TMPDIR"]), [], "no image, no staging folder")
+        s.key("ctrl+q")
+        s.assert_quit_cleanly(self)
+
+
+if __name__ == "__main__":
+    unittest.main()
