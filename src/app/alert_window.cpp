@@ -3,6 +3,8 @@
 #include <string>
 #include <utility>
 
+#include "app/dialog_layout.h"
+
 namespace qor {
 namespace {
 
@@ -76,23 +78,14 @@ AlertWindow::AlertWindow(GtkWindow* parent, const AlertContent& content, Complet
   gtk_box_append(GTK_BOX(body), icon);
   gtk_box_append(GTK_BOX(body), texts);
 
-  GtkWidget* layout = gtk_box_new(GTK_ORIENTATION_VERTICAL, 20);
-  for (auto margin : {gtk_widget_set_margin_top, gtk_widget_set_margin_bottom,
-                      gtk_widget_set_margin_start, gtk_widget_set_margin_end}) {
-    margin(layout, 20);
-  }
+  GtkWidget* layout = newDialogColumn(20);
   gtk_box_append(GTK_BOX(layout), body);
   gtk_box_append(GTK_BOX(layout), buildButtons(content.buttons));
   gtk_window_set_child(window, layout);
   if (defaultButton_) gtk_window_set_default_widget(window, defaultButton_);
   gtk_window_set_focus(window, field_ ? field_ : defaultButton_);
 
-  GtkEventController* keys = gtk_shortcut_controller_new();
-  gtk_shortcut_controller_add_shortcut(
-      GTK_SHORTCUT_CONTROLLER(keys),
-      gtk_shortcut_new(gtk_keyval_trigger_new(GDK_KEY_Escape, GdkModifierType(0)),
-                       gtk_callback_action_new(onEscape, this, nullptr)));
-  gtk_widget_add_controller(GTK_WIDGET(window), keys);
+  addEscapeShortcut(window, onEscape, this);
 
   g_signal_connect(window, "close-request", G_CALLBACK(onCloseRequest), this);
   g_signal_connect(window, "destroy", G_CALLBACK(onDestroy), this);

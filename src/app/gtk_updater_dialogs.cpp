@@ -5,6 +5,8 @@
 #include <string>
 #include <utility>
 
+#include "app/dialog_layout.h"
+
 namespace qor {
 namespace {
 
@@ -78,11 +80,7 @@ void GtkUpdaterDialogs::showProgress(const UpdateProgress& progress,
   gtk_widget_set_halign(cancel, GTK_ALIGN_END);
   g_signal_connect(cancel, "clicked", G_CALLBACK(onClicked), this);
 
-  GtkWidget* layout = gtk_box_new(GTK_ORIENTATION_VERTICAL, 12);
-  for (auto margin : {gtk_widget_set_margin_top, gtk_widget_set_margin_bottom,
-                      gtk_widget_set_margin_start, gtk_widget_set_margin_end}) {
-    margin(layout, 20);
-  }
+  GtkWidget* layout = newDialogColumn(12);
   gtk_box_append(GTK_BOX(layout), progressLabel(progress.title, true));
   gtk_box_append(GTK_BOX(layout), progressLabel(progress.text, false));
   gtk_box_append(GTK_BOX(layout), GTK_WIDGET(progressBar_));
@@ -91,12 +89,7 @@ void GtkUpdaterDialogs::showProgress(const UpdateProgress& progress,
   gtk_window_set_default_widget(window, cancel);
   gtk_window_set_focus(window, cancel);
 
-  GtkEventController* keys = gtk_shortcut_controller_new();
-  gtk_shortcut_controller_add_shortcut(
-      GTK_SHORTCUT_CONTROLLER(keys),
-      gtk_shortcut_new(gtk_keyval_trigger_new(GDK_KEY_Escape, GdkModifierType(0)),
-                       gtk_callback_action_new(onEscape, this, nullptr)));
-  gtk_widget_add_controller(GTK_WIDGET(window), keys);
+  addEscapeShortcut(window, onEscape, this);
   g_signal_connect(window, "close-request", G_CALLBACK(onCloseRequest), this);
   g_signal_connect(window, "destroy", G_CALLBACK(onDestroy), this);
   gtk_window_present(window);

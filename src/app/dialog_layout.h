@@ -1,0 +1,17 @@
+// The layout the shell's own modal windows share: a padded column and the
+// Escape key as a way out.
+//
+// Threads: UI thread only.
+#pragma once
+
+#include <gtk/gtk.h>
+
+namespace qor {
+
+// A vertical box with the dialogs' 20-pixel margins on every side.
+GtkWidget* newDialogColumn(int spacing);
+
+// Runs `onEscape` when Escape is pressed anywhere in `window`.
+void addEscapeShortcut(GtkWindow* window, GtkShortcutFunc onEscape, gpointer data);
+
+}  // namespace qor
