@@ -25,21 +25,6 @@ void installFieldStyle(GtkWidget* widget) {
                                              GTK_STYLE_PROVIDER_PRIORITY_APPLICATION);
 }
 
-GtkWidget* wrappedLabel(const std::string& text, bool bold) {
-  GtkWidget* label = gtk_label_new(text.c_str());
-  gtk_label_set_wrap(GTK_LABEL(label), true);
-  gtk_label_set_max_width_chars(GTK_LABEL(label), 50);
-  gtk_label_set_xalign(GTK_LABEL(label), 0);
-  gtk_widget_set_halign(label, GTK_ALIGN_START);
-  if (bold) {
-    PangoAttrList* attributes = pango_attr_list_new();
-    pango_attr_list_insert(attributes, pango_attr_weight_new(PANGO_WEIGHT_BOLD));
-    gtk_label_set_attributes(GTK_LABEL(label), attributes);
-    pango_attr_list_unref(attributes);
-  }
-  return label;
-}
-
 }  // namespace
 
 AlertWindow::AlertWindow(GtkWindow* parent, const AlertContent& content, Completion completion)
@@ -58,9 +43,9 @@ AlertWindow::AlertWindow(GtkWindow* parent, const AlertContent& content, Complet
   gtk_widget_set_valign(icon, GTK_ALIGN_START);
 
   GtkWidget* texts = gtk_box_new(GTK_ORIENTATION_VERTICAL, 8);
-  gtk_box_append(GTK_BOX(texts), wrappedLabel(content.messageText, true));
+  gtk_box_append(GTK_BOX(texts), newDialogLabel(content.messageText, true));
   if (content.informativeText) {
-    gtk_box_append(GTK_BOX(texts), wrappedLabel(*content.informativeText, false));
+    gtk_box_append(GTK_BOX(texts), newDialogLabel(*content.informativeText, false));
   }
   if (content.fieldText) {
     field_ = gtk_entry_new();

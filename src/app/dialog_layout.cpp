@@ -13,6 +13,21 @@ GtkWidget* newDialogColumn(int spacing) {
   return column;
 }
 
+GtkWidget* newDialogLabel(const std::string& text, bool bold) {
+  GtkWidget* label = gtk_label_new(text.c_str());
+  gtk_label_set_wrap(GTK_LABEL(label), true);
+  gtk_label_set_max_width_chars(GTK_LABEL(label), 50);
+  gtk_label_set_xalign(GTK_LABEL(label), 0);
+  gtk_widget_set_halign(label, GTK_ALIGN_START);
+  if (bold) {
+    PangoAttrList* attributes = pango_attr_list_new();
+    pango_attr_list_insert(attributes, pango_attr_weight_new(PANGO_WEIGHT_BOLD));
+    gtk_label_set_attributes(GTK_LABEL(label), attributes);
+    pango_attr_list_unref(attributes);
+  }
+  return label;
+}
+
 void addEscapeShortcut(GtkWindow* window, GtkShortcutFunc onEscape, gpointer data) {
   GtkEventController* keys = gtk_shortcut_controller_new();
   gtk_shortcut_controller_add_shortcut(

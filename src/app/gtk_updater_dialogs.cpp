@@ -12,20 +12,6 @@ namespace {
 
 constexpr guint pulseMilliseconds = 100;
 
-GtkWidget* progressLabel(const std::string& text, bool bold) {
-  GtkWidget* label = gtk_label_new(text.c_str());
-  gtk_label_set_wrap(GTK_LABEL(label), true);
-  gtk_label_set_max_width_chars(GTK_LABEL(label), 50);
-  gtk_label_set_xalign(GTK_LABEL(label), 0);
-  if (bold) {
-    PangoAttrList* attributes = pango_attr_list_new();
-    pango_attr_list_insert(attributes, pango_attr_weight_new(PANGO_WEIGHT_BOLD));
-    gtk_label_set_attributes(GTK_LABEL(label), attributes);
-    pango_attr_list_unref(attributes);
-  }
-  return label;
-}
-
 }  // namespace
 
 GtkUpdaterDialogs::GtkUpdaterDialogs(GtkWindow* parent) : parent_(parent) {}
@@ -81,8 +67,8 @@ void GtkUpdaterDialogs::showProgress(const UpdateProgress& progress,
   g_signal_connect(cancel, "clicked", G_CALLBACK(onClicked), this);
 
   GtkWidget* layout = newDialogColumn(12);
-  gtk_box_append(GTK_BOX(layout), progressLabel(progress.title, true));
-  gtk_box_append(GTK_BOX(layout), progressLabel(progress.text, false));
+  gtk_box_append(GTK_BOX(layout), newDialogLabel(progress.title, true));
+  gtk_box_append(GTK_BOX(layout), newDialogLabel(progress.text, false));
   gtk_box_append(GTK_BOX(layout), GTK_WIDGET(progressBar_));
   gtk_box_append(GTK_BOX(layout), cancel);
   gtk_window_set_child(window, layout);
