@@ -183,15 +183,17 @@ void watchForExit(std::shared_ptr<ChildProcess::State> state, std::function<void
   if (onExit) onExit(status);
 }
 
-void readOutput(int fd, std::function<void(std::string_view)> onOutput) {
+void readOutput(int fd, std::function<void(std::string_view)> onOutput,
+                std::function<void()> onOutputEnd) {
   FileDescriptor pipe(fd);
   char buffer[64 * 1024];
   for (;;) {
     const ssize_t got = read(pipe.get(), buffer, sizeof buffer);
     if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return;
+    if (got <= 0) break;
     if (onOutput) onOutput(std::string_view(buffer, static_cast<size_t>(got)));
   }
+  if (onOutputEnd) onOutputEnd();
 }
 
 }  // namespace
@@ -243,7 +245,9 @@ Result<std::shared_ptr<ChildProcess>> ChildProcess::launch(LaunchOptions options
 
   auto state = std::make_shared<State>(*pid);
   if (options.output == OutputMode::capture) {
-    std::thread(readOutput, outputRead.release(), std::move(options.onOutput)).detach();
+    std::thread(readOutput, outputRead.release(), std::move(options.onOutput),
+                std::move(options.onOutputEnd))
+        .detach();
   }
   std::thread(watchForExit, state, std::move(options.onExit)).detach();
   return std::make_shared<ChildProcess>(*pid, std::move(state));
@@ -253,6 +257,31 @@ Result<int> ChildProcess::run(LaunchOptions options) {
   auto child = launch(std::move(options));
   if (!child) return child.error();
   return child.value()->waitForExit();
+}
+
+Result<ChildProcess::CapturedRun> ChildProcess::runCapturingOutput(LaunchOptions options) {
+  struct Captured {
+    std::mutex mutex;
+    std::condition_variable endedCondition;
+    std::string output;
+    bool ended = false;
+  };
+  const auto captured = std::make_shared<Captured>();
+  options.output = OutputMode::capture;
+  options.onOutput = [captured](std::string_view bytes) {
+    std::lock_guard lock(captured->mutex);
+    captured->output.append(bytes);
+  };
+  options.onOutputEnd = [captured] {
+    std::lock_guard lock(captured->mutex);
+    captured->ended = true;
+    captured->endedCondition.notify_all();
+  };
+  const auto status = run(std::move(options));
+  if (!status) return status.error();
+  std::unique_lock lock(captured->mutex);
+  captured->endedCondition.wait(lock, [&] { return captured->ended; });
+  return CapturedRun{*status, std::move(captured->output)};
 }
 
 bool ChildProcess::isRunning() const {

@@ -35,6 +35,9 @@ struct LaunchOptions {
   // With OutputMode::capture, called on the reader thread once per read, with
   // whatever bytes were available.
   std::function<void(std::string_view)> onOutput;
+  // With OutputMode::capture, called on the reader thread after the last
+  // onOutput, once every process holding the output has closed it.
+  std::function<void()> onOutputEnd;
   // Called on the exit watcher thread with the exit status once the child has
   // exited and been reaped.
   std::function<void(int status)> onExit;
@@ -53,6 +56,14 @@ class ChildProcess {
 
   // Launches and waits for the exit status.
   static Result<int> run(LaunchOptions options);
+
+  struct CapturedRun {
+    int status;
+    std::string output;  // standard output and error, merged
+  };
+  // Launches with OutputMode::capture and waits for the exit status and the
+  // end of the output (so for any grandchild still holding it too).
+  static Result<CapturedRun> runCapturingOutput(LaunchOptions options);
 
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;

@@ -128,4 +128,20 @@ Result<QorManifest> decodeManifest(std::string_view text) {
   }
 }
 
+std::string encodeManifest(const QorManifest& manifest) {
+  // Ordered, so the document reads in the records' field order.
+  nlohmann::ordered_json document;
+  document["version"] = manifest.version;
+  if (manifest.notes) document["notes"] = *manifest.notes;
+  if (manifest.minVersion) document["min_version"] = *manifest.minVersion;
+  auto& platforms = document["platforms"] = nlohmann::ordered_json::object();
+  for (const auto& [key, asset] : manifest.platforms) {
+    auto& entry = platforms[key];
+    entry["url"] = asset.url;
+    entry["sha256"] = asset.sha256;
+    if (asset.size) entry["size"] = *asset.size;
+  }
+  return document.dump(2) + "\n";
+}
+
 }  // namespace qor

@@ -1,7 +1,7 @@
-// The update manifest ("latest.json" on the update server) and the records it
-// decodes into. Decoding is strict about types and lenient about unknown
-// keys; values are not checked further here (an empty url or a short sha256
-// fail later, in their own steps).
+// The update manifest ("latest.json" on the update server), the records it
+// decodes into and its encoding for publishing. Decoding is strict about
+// types and lenient about unknown keys; values are not checked further here
+// (an empty url or a short sha256 fail later, in their own steps).
 //
 // Threads: plain values and a pure function; any thread.
 #pragma once
@@ -45,5 +45,10 @@ enum ManifestErrorCode {
 // Decodes the whole document; any malformed part, for whichever platform,
 // fails it with a description naming the place ("platforms.linux-x64.size").
 Result<QorManifest> decodeManifest(std::string_view json);
+
+// The document decodeManifest reads back as `manifest`: keys in field order,
+// absent optionals left out, indented, ending in a line break. Every text
+// must be valid UTF-8.
+std::string encodeManifest(const QorManifest& manifest);
 
 }  // namespace qor
