@@ -1,0 +1,157 @@
+#include "release/release_manifest.h"
+
+#include <algorithm>
+#include <regex>
+#include <system_error>
+
+#include "base/child_process.h"
+#include "base/files.h"
+#include "base/text.h"
+#include "updater/file_digest.h"
+#include "updater/url_parts.h"
+#include "updater/version_rules.h"
+
+namespace qor {
+namespace {
+
+constexpr const char* tar = "/usr/bin/tar";
+constexpr const char* versionEntry = "QOR Velmora/share/qor-velmora/APP_VERSION";
+
+Error badArgument(std::string description) {
+  return Error{releaseErrorDomain, releaseBadArgument, std::move(description)};
+}
+
+Error badImage(const std::filesystem::path& image, const std::string& description) {
+  return Error{releaseErrorDomain, releaseBadImage, image.string() + ": " + description};
+}
+
+Error mismatch(const std::filesystem::path& image, const std::string& description) {
+  return Error{releaseErrorDomain, releaseMismatch, image.string() + ": " + description};
+}
+
+// Decimal numbers joined by dots, each small enough for the updater's
+// 64-bit pieces: a version the updater orders as it reads.
+bool isReleaseVersion(const std::string& text) {
+  static const std::regex pattern(R"([0-9]{1,18}(\.[0-9]{1,18})*)");
+  return std::regex_match(text, pattern);
+}
+
+// The keys installed applications ask for, one per machine they run on.
+std::vector<std::string> knownPlatformKeys() {
+  std::vector<std::string> keys;
+  for (const char* machine : {"x86_64", "aarch64"}) keys.push_back(*platformKeyFor(machine));
+  return keys;
+}
+
+Result<> checkRequest(const ReleaseRequest& request) {
+  if (!isReleaseVersion(request.version)) {
+    return badArgument("the version \"" + request.version + "\" is not a version such as 1.1.0");
+  }
+  if (request.minVersion) {
+    if (!isReleaseVersion(*request.minVersion)) {
+      return badArgument("the minimum version \"" + *request.minVersion +
+                         "\" is not a version such as 1.0.0");
+    }
+    if (isNewer(*request.minVersion, request.version)) {
+      return badArgument("the minimum version " + *request.minVersion +
+                         " is above the release version " + request.version);
+    }
+  }
+  // The image's name is appended, so a query or fragment would swallow it.
+  const auto address = UrlParts::parse(request.baseUrl);
+  if (!address || address->scheme != "https" || !address->host ||
+      request.baseUrl.find_first_of("?#") != std::string::npos) {
+    return badArgument("the base address \"" + request.baseUrl +
+                       "\" is not an https:// address of a folder");
+  }
+  if (request.notes && !isValidUtf8(*request.notes)) {
+    return badArgument("the notes are not valid UTF-8");
+  }
+  if (request.images.empty()) return badArgument("no image given");
+  return {};
+}
+
+// The platform key in the image's name, once the name's version is the
+// release's.
+Result<std::string> platformKeyOfName(const std::filesystem::path& image,
+                                      const std::string& version) {
+  static const std::regex pattern(R"(QOR-Velmora-([^-]+)-(.+)\.tar\.gz)");
+  const std::string name = image.filename().string();
+  std::smatch parts;
+  if (!std::regex_match(name, parts, pattern)) {
+    return badImage(image, "the name must be QOR-Velmora-<version>-<platform key>.tar.gz");
+  }
+  const std::string named = parts[1], key = parts[2];
+  const auto keys = knownPlatformKeys();
+  if (std::find(keys.begin(), keys.end(), key) == keys.end()) {
+    std::string known;
+    for (const auto& each : keys) known += (known.empty() ? "" : ", ") + each;
+    return badImage(image, "unknown platform key \"" + key + "\" (known: " + known + ")");
+  }
+  if (named != version) {
+    return mismatch(image,
+                    "named for version " + named + ", but the release is version " + version);
+  }
+  return key;
+}
+
+// The version the image's application reports once installed, read without
+// unpacking the image.
+Result<std::string> versionInside(const std::filesystem::path& image) {
+  const auto listed = ChildProcess::run(
+      {.executable = tar, .arguments = {"-tzf", image.string()}, .output = OutputMode::discard});
+  if (!listed) return listed.error();
+  if (*listed != 0) return badImage(image, "not a gzip-compressed tar archive");
+  const auto read = ChildProcess::runCapturingOutput(
+      {.executable = tar, .arguments = {"-xzOf", image.string(), versionEntry}});
+  if (!read) return read.error();
+  if (read->status != 0) {
+    return badImage(image, std::string("has no \"") + versionEntry +
+                               "\": its top-level entry must be the folder \"QOR Velmora\"");
+  }
+  return trimmed(read->output);
+}
+
+Result<QorAsset> assetOf(const std::filesystem::path& image, const ReleaseRequest& request) {
+  const auto digest = sha256OfFile(image);
+  if (!digest) return Error{releaseErrorDomain, releaseBadImage, digest.error().description};
+  std::error_code ec;
+  const auto size = std::filesystem::file_size(image, ec);
+  if (ec) return systemError(ec, "cannot read the size of " + image.string());
+  const auto version = versionInside(image);
+  if (!version) return version.error();
+  if (*version != request.version) {
+    return mismatch(image, "holds version \"" + *version + "\" (" + versionEntry +
+                               "), but the release is version " + request.version);
+  }
+  std::string url = request.baseUrl;
+  if (!url.ends_with('/')) url += '/';
+  // The names the pattern admits are made of letters, digits, "-" and ".",
+  // which need no %-escapes.
+  url += image.filename().string();
+  return QorAsset{url, *digest, static_cast<std::int64_t>(size)};
+}
+
+}  // namespace
+
+Result<QorManifest> writeReleaseManifest(const ReleaseRequest& request,
+                                         const std::filesystem::path& output) {
+  if (const auto checked = checkRequest(request); !checked) return checked.error();
+  QorManifest manifest{request.version, request.notes, request.minVersion, {}};
+  for (const auto& image : request.images) {
+    const auto key = platformKeyOfName(image, request.version);
+    if (!key) return key.error();
+    if (manifest.platforms.contains(*key)) {
+      return mismatch(image, "a second image for " + *key);
+    }
+    const auto asset = assetOf(image, request);
+    if (!asset) return asset.error();
+    manifest.platforms.emplace(*key, *asset);
+  }
+  if (const auto written = writeFileAtomically(output, encodeManifest(manifest)); !written) {
+    return written.error();
+  }
+  return manifest;
+}
+
+}  // namespace qor

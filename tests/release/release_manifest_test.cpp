@@ -1,0 +1,203 @@
+// The release tool with real update images made by tar: what it writes is
+// what the updater's own decoder reads, and inconsistent input is refused
+// without touching the output.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <functional>
+
+#include "base/child_process.h"
+#include "base/files.h"
+#include "release/release_manifest.h"
+
+namespace qor {
+namespace {
+
+namespace fs = std::filesystem;
+
+class ReleaseTool : public ::testing::Test {
+ protected:
+  const fs::path folder = fs::temp_directory_path() / ("qor-release-" + std::to_string(getpid()));
+
+  void SetUp() override {
+    fs::remove_all(folder);
+    fs::create_directories(folder);
+  }
+  void TearDown() override { fs::remove_all(folder); }
+
+  // An image at `name` below the folder whose top-level folder `top` holds
+  // share/qor-velmora/APP_VERSION with `appVersion`.
+  fs::path makeImage(const std::string& name, const std::string& appVersion,
+                     const std::string& top = "QOR Velmora") {
+    const auto staging = folder / "staging" / name;
+    const auto image = folder / name;
+    fs::create_directories(staging / top / "share" / "qor-velmora");
+    fs::create_directories(image.parent_path());
+    EXPECT_TRUE(writeFileAtomically(staging / top / "share/qor-velmora/APP_VERSION", appVersion));
+    const auto tarred = ChildProcess::run(
+        {.executable = "/usr/bin/tar", .arguments = {"-czf", image, "-C", staging, top}});
+    EXPECT_TRUE(tarred && *tarred == 0) << name;
+    return image;
+  }
+
+  // The asset the updater should find for `image`, hashed by another program.
+  static QorAsset assetOf(const fs::path& image, const std::string& folderUrl) {
+    const auto sum = ChildProcess::runCapturingOutput(
+        {.executable = "/usr/bin/sha256sum", .arguments = {image.string()}});
+    EXPECT_TRUE(sum && sum->status == 0);
+    return {folderUrl + image.filename().string(), sum ? sum->output.substr(0, 64) : "",
+            static_cast<std::int64_t>(fs::file_size(image))};
+  }
+};
+
+TEST_F(ReleaseTool, WritesAManifestTheUpdaterDecodes) {
+  const auto x64 = makeImage("QOR-Velmora-1.1.0-linux-x64.tar.gz", "1.1.0\n");
+  const auto arm64 = makeImage("QOR-Velmora-1.1.0-linux-arm64.tar.gz", " 1.1.0 ");
+  const auto output = folder / "latest.json";
+  ASSERT_TRUE(writeFileAtomically(output, "the previous release"));
+  const std::string notes = "修复 \"引号\"\n第二行";
+  // With notes and a minimum version, then without: absent ones are left out.
+  const std::pair<ReleaseRequest, QorManifest> cases[] = {
+      {{"1.1.0", "https://updates.example.com/qor", notes, "1.0.0", {x64, arm64}},
+       {"1.1.0",
+        notes,
+        "1.0.0",
+        {{"linux-x64", assetOf(x64, "https://updates.example.com/qor/")},
+         {"linux-arm64", assetOf(arm64, "https://updates.example.com/qor/")}}}},
+      {{"1.1.0", "https://[::1]:8443/a%20b/", {}, {}, {x64}},
+       {"1.1.0", {}, {}, {{"linux-x64", assetOf(x64, "https://[::1]:8443/a%20b/")}}}},
+  };
+  for (const auto& [request, expected] : cases) {
+    const auto written = writeReleaseManifest(request, output);
+    ASSERT_TRUE(written) << written.error().description;
+    EXPECT_EQ(*written, expected);
+    const auto text = readTextFile(output).value_or("");
+    const auto decoded = decodeManifest(text);
+    ASSERT_TRUE(decoded) << decoded.error().description;
+    EXPECT_EQ(*decoded, expected) << text;
+    EXPECT_EQ(text.find("notes") == std::string::npos, !expected.notes) << text;
+    EXPECT_EQ(text.find("min_version") == std::string::npos, !expected.minVersion) << text;
+  }
+}
+
+TEST_F(ReleaseTool, RefusesInconsistentInputAndWritesNothing) {
+  const auto good = makeImage("QOR-Velmora-1.1.0-linux-x64.tar.gz", "1.1.0");
+  const auto copy = makeImage("copy/QOR-Velmora-1.1.0-linux-x64.tar.gz", "1.1.0");
+  const auto darwin = makeImage("QOR-Velmora-1.1.0-darwin-x64.tar.gz", "1.1.0");
+  const auto namedOld = makeImage("QOR-Velmora-1.0.9-linux-arm64.tar.gz", "1.1.0");
+  const auto holdsOld = makeImage("QOR-Velmora-1.1.0-linux-arm64.tar.gz", "1.0.9");
+  const auto noBundle = makeImage("bare/QOR-Velmora-1.1.0-linux-arm64.tar.gz", "1.1.0", "Other");
+  const auto notTar = folder / "text/QOR-Velmora-1.1.0-linux-arm64.tar.gz";
+  fs::create_directories(notTar.parent_path());
+  ASSERT_TRUE(writeFileAtomically(notTar, "not an image"));
+  const auto missing = folder / "gone/QOR-Velmora-1.1.0-linux-arm64.tar.gz";
+  const auto misnamed = folder / "Velmora-1.1.0-linux-x64.tar.gz";
+
+  const auto with = [&](const std::function<void(ReleaseRequest&)>& change) {
+    ReleaseRequest request{"1.1.0", "https://u.example/qor", "notes", "1.0.0", {good}};
+    change(request);
+    return request;
+  };
+  const auto adding = [&](const fs::path& image) {
+    return with([&](ReleaseRequest& request) { request.images.push_back(image); });
+  };
+  const std::pair<ReleaseRequest, std::string> cases[] = {
+      {with([](auto& r) { r.images.clear(); }), "no image given"},
+      {with([](auto& r) { r.version = "v1.1"; }),
+       "the version \"v1.1\" is not a version such as 1.1.0"},
+      {with([](auto& r) { r.version = "1.1.0-rc1"; }),
+       "the version \"1.1.0-rc1\" is not a version such as 1.1.0"},
+      {with([](auto& r) { r.minVersion = "1..0"; }),
+       "the minimum version \"1..0\" is not a version such as 1.0.0"},
+      {with([](auto& r) { r.minVersion = "1.1.0.1"; }),
+       "the minimum version 1.1.0.1 is above the release version 1.1.0"},
+      {with([](auto& r) { r.baseUrl = "http://u.example/qor"; }),
+       "the base address \"http://u.example/qor\" is not an https:// address of a folder"},
+      {with([](auto& r) { r.baseUrl = "https:///qor"; }),
+       "the base address \"https:///qor\" is not an https:// address of a folder"},
+      {with([](auto& r) { r.baseUrl = "https://u.example/get?file="; }),
+       "the base address \"https://u.example/get?file=\" is not an https:// address of a folder"},
+      {with([](auto& r) { r.notes = "\xff"; }), "the notes are not valid UTF-8"},
+      {adding(missing), "cannot open " + missing.string() + ": No such file or directory"},
+      {adding(misnamed),
+       misnamed.string() + ": the name must be QOR-Velmora-<version>-<platform key>.tar.gz"},
+      {adding(darwin),
+       darwin.string() + ": unknown platform key \"darwin-x64\" (known: linux-x64, linux-arm64)"},
+      {adding(copy), copy.string() + ": a second image for linux-x64"},
+      {adding(namedOld),
+       namedOld.string() + ": named for version 1.0.9, but the release is version 1.1.0"},
+      {adding(holdsOld), holdsOld.string() +
+                             ": holds version \"1.0.9\" (QOR Velmora/share/qor-velmora/"
+                             "APP_VERSION), but the release is version 1.1.0"},
+      {adding(notTar), notTar.string() + ": not a gzip-compressed tar archive"},
+      {adding(noBundle), noBundle.string() +
+                             ": has no \"QOR Velmora/share/qor-velmora/APP_VERSION\": its "
+                             "top-level entry must be the folder \"QOR Velmora\""},
+  };
+  const auto outputs = folder / "out";
+  const auto existing = outputs / "latest.json", fresh = outputs / "new.json";
+  fs::create_directories(outputs);
+  ASSERT_TRUE(writeFileAtomically(existing, "the previous release"));
+  for (const auto& [request, expected] : cases) {
+    for (const auto& output : {existing, fresh}) {
+      const auto written = writeReleaseManifest(request, output);
+      ASSERT_FALSE(written) << expected;
+      EXPECT_EQ(written.error().description, expected);
+    }
+    EXPECT_EQ(readTextFile(existing), "the previous release") << expected;
+    EXPECT_EQ(std::distance(fs::directory_iterator(outputs), {}), 1) << expected;
+  }
+  // The request every case changes is itself fine.
+  EXPECT_TRUE(writeReleaseManifest(with([](auto&) {}), fresh));
+}
+
+TEST_F(ReleaseTool, CommandLine) {
+  const auto image = makeImage("QOR-Velmora-1.1.0-linux-x64.tar.gz", "1.1.0");
+  ASSERT_TRUE(writeFileAtomically(folder / "NOTES.txt", "修复\n"));
+  const std::string imagePath = image.string();
+  // Run in this order, in the folder: the refusal at the end keeps the
+  // latest.json written before it.
+  const std::tuple<std::vector<std::string>, int, std::string> runs[] = {
+      {{"--help"}, 0, "Usage: qor-release --version VERSION --base-url URL"},
+      {{"--version", "1.1.0", "--base-url", "https://u.example/qor", "--notes-file", "NOTES.txt",
+        "--min-version", "1.0.0", imagePath},
+       0,
+       "Wrote latest.json for version 1.1.0:\n  linux-x64  https://u.example/qor/"
+       "QOR-Velmora-1.1.0-linux-x64.tar.gz  "},
+      {{}, 2, "qor-release: --version is required (see qor-release --help)\n"},
+      {{"--version", "1.1.0", "--base-url", "https://u.example/qor"},
+       2,
+       "qor-release: no image given (see qor-release --help)\n"},
+      {{"--version", "1.1.0", "--base-url", "https://u", "--notes", "a", "--notes-file", "b", "c"},
+       2,
+       "qor-release: give --notes or --notes-file, not both (see qor-release --help)\n"},
+      {{"--output", "a", "--output", "b"},
+       2,
+       "qor-release: --output is given twice (see qor-release --help)\n"},
+      {{"--sign", "key"}, 2, "qor-release: unknown option --sign (see qor-release --help)\n"},
+      {{"--version", "1.2.0", "--base-url", "https://u.example/qor", imagePath},
+       1,
+       "qor-release: " + imagePath +
+           ": named for version 1.1.0, but the release is version 1.2.0\n"},
+  };
+  for (const auto& [arguments, status, output] : runs) {
+    const auto ran = ChildProcess::runCapturingOutput(
+        {.executable = QOR_RELEASE, .arguments = arguments, .workingDirectory = folder});
+    ASSERT_TRUE(ran) << output;
+    EXPECT_EQ(ran->status, status) << ran->output;
+    if (status == 0) {
+      EXPECT_TRUE(ran->output.starts_with(output)) << ran->output;
+    } else {
+      EXPECT_EQ(ran->output, output);  // one line
+    }
+  }
+  const auto manifest = decodeManifest(readTextFile(folder / "latest.json").value_or(""));
+  ASSERT_TRUE(manifest);
+  EXPECT_EQ(manifest->version, "1.1.0");
+  EXPECT_EQ(manifest->notes, "修复");
+  EXPECT_EQ(manifest->minVersion, "1.0.0");
+  EXPECT_EQ(manifest->platforms.at("linux-x64"), assetOf(image, "https://u.example/qor/"));
+}
+
+}  // namespace
+}  // namespace qor
