@@ -1,5 +1,5 @@
-// What the kernel's process table says about listening sockets and command
-// lines, read from /proc.
+// What the kernel says about listening sockets (its socket diagnostics) and
+// about processes (/proc): who listens on a port, and with what command line.
 #pragma once
 
 #include <sys/types.h>

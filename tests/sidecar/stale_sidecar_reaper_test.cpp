@@ -1,12 +1,54 @@
 // Freeing the gateway's ports from leftover gateways of ours, recognised by
 // their command line.
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <future>
 
+#include "sidecar/process_table.h"
 #include "sidecar/stale_sidecar_reaper.h"
 #include "sidecar_test_support.h"
 
 namespace qor::testing {
 namespace {
+
+struct Socket {
+  explicit Socket(int family) : fd(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
+  ~Socket() { close(fd); }
+  const int fd;
+};
+
+int localPort(const Socket& s) {
+  sockaddr_in address{};
+  socklen_t length = sizeof address;
+  getsockname(s.fd, reinterpret_cast<sockaddr*>(&address), &length);
+  return ntohs(address.sin_port);
+}
+
+// Only sockets in the listening state count, on IPv4 and IPv6 alike.
+TEST(ProcessTable, PidsListeningSeesListenersOnly) {
+  const std::optional<std::vector<pid_t>> us = std::vector{getpid()}, nobody;
+  Socket server(AF_INET), client(AF_INET), server6(AF_INET6);
+  sockaddr_in address{.sin_family = AF_INET, .sin_addr = {htonl(INADDR_LOOPBACK)}};
+  ASSERT_EQ(bind(server.fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const int port = localPort(server);
+  EXPECT_EQ(pidsListening(port), nobody) << "bound, not listening";
+  ASSERT_EQ(listen(server.fd, 1), 0);
+  EXPECT_EQ(pidsListening(port), us);
+  address.sin_port = htons(port);
+  ASSERT_EQ(connect(client.fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  EXPECT_EQ(pidsListening(localPort(client)), nobody) << "connected, not listening";
+
+  sockaddr_in6 address6{.sin6_family = AF_INET6, .sin6_port = htons(port)};
+  address6.sin6_addr = in6addr_loopback;
+  if (bind(server6.fd, reinterpret_cast<sockaddr*>(&address6), sizeof address6) != 0) {
+    GTEST_SKIP() << "no IPv6 loopback";
+  }
+  ASSERT_EQ(listen(server6.fd, 1), 0);
+  shutdown(server.fd, SHUT_RDWR);  // ends the IPv4 listener
+  EXPECT_EQ(pidsListening(port), us) << "IPv6 only";
+}
 
 using StaleSidecarReaping = SidecarTest;
 
