@@ -2,7 +2,7 @@
 BUILD ?= build
 JOBS ?= $(shell nproc)
 
-.PHONY: deps build test test-sanitize test-asan test-tsan format clean
+.PHONY: deps build test test-sanitize test-asan test-tsan package format clean
 
 deps:
 	@./scripts/install-deps.sh
@@ -13,6 +13,10 @@ build: deps
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# The update image and the Debian package, in $(BUILD)/packages.
+package: build
+	./scripts/package.sh "$(BUILD)" "$(BUILD)/packages"
 
 # The same tests built with AddressSanitizer + UBSan, then ThreadSanitizer.
 test-sanitize: test-asan test-tsan

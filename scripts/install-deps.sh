@@ -12,7 +12,9 @@ packages=(
   unzip zip tar python3
   # headless display, accessibility and fonts for the window tests
   xvfb xauth dbus dbus-x11 at-spi2-core python3-pyatspi python3-gi gir1.2-atspi-2.0
-  fonts-wqy-microhei imagemagick openssl xdotool
+  fonts-wqy-microhei imagemagick openssl xdotool x11-utils
+  # packaging, and the desktop files' validators
+  dpkg-dev desktop-file-utils appstream
 )
 
 missing=()

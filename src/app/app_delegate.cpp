@@ -10,6 +10,7 @@
 #include "app/main_menu.h"
 #include "app/navigation_policy.h"
 #include "app/product_name.h"
+#include "base/bundle.h"
 
 namespace qor {
 namespace {
@@ -136,6 +137,11 @@ void AppDelegate::applicationWillTerminate() {
 }
 
 void AppDelegate::buildWindow() {
+  // The icon comes with the bundle, wherever it lies; an installed theme's
+  // copy is found the usual way too.
+  gtk_icon_theme_add_search_path(gtk_icon_theme_get_for_display(gdk_display_get_default()),
+                                 (bundleRoot() / "share" / "icons").c_str());
+  gtk_window_set_default_icon_name(iconName);
   window_ = GObjectPtr<GtkWindow>::retain(GTK_WINDOW(gtk_application_window_new(app_)));
   gtk_application_window_set_show_menubar(GTK_APPLICATION_WINDOW(window_.get()), true);
   gtk_window_set_default_size(window_.get(), windowWidth, windowHeight);
@@ -347,10 +353,8 @@ void AppDelegate::onAbout(GSimpleAction*, GVariant*, gpointer self) {
   auto* delegate = static_cast<AppDelegate*>(self);
   const std::string version = delegate->updater_->currentVersion();
   GtkWindow* parent = delegate->window_.get();
-  const bool hasIcon = gtk_icon_theme_has_icon(
-      gtk_icon_theme_get_for_display(gtk_widget_get_display(GTK_WIDGET(parent))), iconName);
   gtk_show_about_dialog(parent, "program-name", productName, "version", version.c_str(),
-                        "logo-icon-name", hasIcon ? iconName : nullptr, nullptr);
+                        "logo-icon-name", iconName, nullptr);
 }
 
 // Desktops have no "hide application"; minimising is the nearest thing.

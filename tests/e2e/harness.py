@@ -40,7 +40,8 @@ def bundle_file(bundle, name):
 
 
 class Session:  # one private home and, at a time, one running shell with its gateway
-    def __init__(self, name, *, whatsapp_client=True, boot_delay=0, ignore_sigterm=False):
+    def __init__(self, name, *, whatsapp_client=True, boot_delay=0, ignore_sigterm=False,
+                 bundled_runtime=False):
         assert not port_listening(), "something already listens on 8088"
         self.name, self.app, self.pid, self._ids = name, None, None, itertools.count(1)
         self.root = tempfile.mkdtemp(prefix="qor-e2e-")  # short: sockets go below it
@@ -55,6 +56,9 @@ class Session:  # one private home and, at a time, one running shell with its ga
             QOR_E2E_VERSION=bundle_file(BUNDLE, "QOR_RUNTIME_VERSION"),
             QOR_E2E_BOOT_DELAY=str(boot_delay), QOR_E2E_IGNORE_SIGTERM=str(int(ignore_sigterm)),
             ASAN_OPTIONS="detect_leaks=0")  # GTK and WebKit keep allocations until exit
+        if bundled_runtime:  # the runtime the bundle ships, provisioned on first start
+            for key in ("QOR_DEV", "QOR_PYTHON", "QOR_SIDECAR_DIR"):
+                del self.env[key]
         for folder in ("run", "tmp", "handlers", "home/.config", "home/.local/share/applications"):
             os.makedirs(f"{self.root}/{folder}", mode=0o700)
         defaults = []
@@ -67,7 +71,7 @@ class Session:  # one private home and, at a time, one running shell with its ga
         with open(f"{home}/.config/mimeapps.list", "w") as f:
             f.write("[Default Applications]\n" + "\n".join(defaults) + "\n")
         os.makedirs(ARTIFACTS, exist_ok=True)
-        self._output = open(f"{ARTIFACTS}/{name}.app.log", "ab")
+        self._output = open(f"{ARTIFACTS}/{name}.app.log", "wb")
 
     def launch(self, executable=f"{BUNDLE}/bin/qor-velmora", second=False):
         """Starts the shell; a second launch is waited for."""
@@ -120,6 +124,10 @@ class Session:  # one private home and, at a time, one running shell with its ga
         with contextlib.suppress(FileNotFoundError):
             shutil.copy(self.log, f"{ARTIFACTS}/{self.name}.gateway.jsonl")
         shutil.rmtree(self.root, ignore_errors=True)
+
+    def output(self):  # what the shell and its gateway have printed so far
+        with open(self._output.name, encoding="utf-8", errors="replace") as f:
+            return f.read()
 
     def events(self, kind):
         with contextlib.suppress(FileNotFoundError), open(self.log, encoding="utf-8") as f:

@@ -1,17 +1,22 @@
-"""An update end to end, from 1.0.0 to 1.1.0 on a local HTTPS server; a tampered one refused."""
+"""An update end to end on a local HTTPS server, with the update image `make package` makes and
+the manifest the release tool writes for it; a tampered image refused."""
 
-import hashlib, http.server, json, os, platform, shutil, signal, ssl, subprocess, tempfile
-import threading, time, unittest
+import glob, hashlib, http.server, os, shutil, signal, ssl, subprocess, tempfile, threading
+import time, unittest
 
 from harness import (BUNDLE, Session, bundle_file, find_all, pid_alive, port_listening, press,
                      texts, titles, wait_until)
 
 # The shell built to update from localhost:PORT; it trusts the authority at CA, made here.
 SHELL, CA = os.environ["QOR_E2E_UPDATE_SHELL"], os.environ["QOR_E2E_UPDATE_CA"]
-PORT, IMAGE, NOTES = int(os.environ["QOR_E2E_UPDATE_PORT"]), "/qor/QOR-Velmora.tar.gz", "修复"
-FOUND = ["发现新版本 1.1.0", "当前版本：1.0.0\n" + NOTES]
-DOWNLOADING = ["正在下载更新 1.1.0", "下载完成并校验通过后，QOR 将自动重启完成安装。"]
-READY = ["准备安装 1.1.0", "QOR 将退出并自动重启，窗口会在几秒后重新打开。"]
+PORT, NOTES = int(os.environ["QOR_E2E_UPDATE_PORT"]), "修复"
+# The packaged release, offered to an installation one version older.
+NEW, OLD = bundle_file(BUNDLE, "APP_VERSION"), "0.9.0"
+PACKAGE = glob.glob(f"{os.environ['QOR_E2E_PACKAGES']}/QOR-Velmora-{NEW}-linux-*.tar.gz")[0]
+IMAGE = "/qor/" + os.path.basename(PACKAGE)
+FOUND = [f"发现新版本 {NEW}", f"当前版本：{OLD}\n" + NOTES]
+DOWNLOADING = [f"正在下载更新 {NEW}", "下载完成并校验通过后，QOR 将自动重启完成安装。"]
+READY = [f"准备安装 {NEW}", "QOR 将退出并自动重启，窗口会在几秒后重新打开。"]
 MISMATCH = "安装包校验和不匹配，可能已损坏或被篡改。\n期望 {}…\n实际 {}…"
 
 
@@ -52,20 +57,20 @@ class UpdateTest(unittest.TestCase):
         threading.Thread(target=cls.server.serve_forever, daemon=True).start()
         cls.addClassCleanup(cls.server.server_close)
         cls.addClassCleanup(cls.server.shutdown)
-        with tempfile.TemporaryDirectory() as staging:
-            stage(staging, "1.1.0")
-            cls.image = subprocess.run(["tar", "-czf", "-", "-C", staging, "QOR Velmora"],
-                                       check=True, capture_output=True).stdout
-        key = {"x86_64": "linux-x64", "aarch64": "linux-arm64"}[platform.machine()]
-        cls.manifest = json.dumps({"version": "1.1.0", "notes": NOTES, "platforms": {key: {
-            "url": f"https://localhost:{PORT}{IMAGE}", "size": len(cls.image),
-            "sha256": hashlib.sha256(cls.image).hexdigest()}}}).encode()
+        with open(PACKAGE, "rb") as f:
+            cls.image = f.read()
+        with tempfile.TemporaryDirectory() as folder:
+            subprocess.run([os.environ["QOR_E2E_RELEASE_TOOL"], "--version", NEW, "--base-url",
+                            f"https://localhost:{PORT}/qor/", "--notes", NOTES, "--output",
+                            f"{folder}/latest.json", PACKAGE], check=True)
+            with open(f"{folder}/latest.json", "rb") as f:
+                cls.manifest = f.read()
 
-    def start(self, name, files, pause=0.0):  # a 1.0.0 bundle in a folder of its own, running
+    def start(self, name, files, pause=0.0):  # an older bundle in a folder of its own, running
         self.server.files, self.server.asked, self.server.pause = files, [], pause
         s = Session(name)
         self.addCleanup(s.close)
-        s.launch(f"{(bundle := stage(f'{s.root}/apps', '1.0.0'))}/bin/qor-velmora")
+        s.launch(f"{(bundle := stage(f'{s.root}/apps', OLD))}/bin/qor-velmora")
         s.wait_ready()
         return s, bundle
 
@@ -91,7 +96,7 @@ class UpdateTest(unittest.TestCase):
         with open(f"/proc/{new}/stat") as f:
             s.pid = int(f.read().rsplit(")", 1)[1].split()[1])
         self.assertEqual(os.readlink(f"/proc/{s.pid}/exe"), f"{bundle}/bin/qor-velmora")
-        self.assertEqual(bundle_file(bundle, "APP_VERSION"), "1.1.0")
+        self.assertEqual(bundle_file(bundle, "APP_VERSION"), NEW)
         self.assertEqual([f for f in os.listdir(s.env["TMPDIR"]) if "-install-" not in f], [])
         s.main_window()  # the new window, whose quitting stops the new gateway
         os.kill(s.pid, signal.SIGTERM)
@@ -115,8 +120,8 @@ class UpdateTest(unittest.TestCase):
         s.screenshot("update-blocked")
         press(dialog, "好")
         wait_until(lambda: not s.windows("dialog"), 10, "the alert to close")
-        # Still 1.0.0, still running, with the same gateway.
-        self.assertEqual(bundle_file(bundle, "APP_VERSION"), "1.0.0")
+        # Still the old version, still running, with the same gateway.
+        self.assertEqual(bundle_file(bundle, "APP_VERSION"), OLD)
         self.assertEqual((s.app.poll(), len(s.gateway_pids()), port_listening()), (None, 1, True))
         self.assertEqual(os.listdir(s.env["TMPDIR"]), [], "no image, no staging folder")
         s.key("ctrl+q")

@@ -1,0 +1,74 @@
+#!/usr/bin/env bash
+# Makes the release artefacts from a build folder (what `make package` does):
+#   scripts/package.sh [BUILD] [OUT]
+# - OUT/QOR-Velmora-<version>-linux-<arch>.tar.gz: the update image, whose
+#   top-level entry is the bundle folder "QOR Velmora";
+# - OUT/qor-velmora_<version>_<debian arch>.deb: the bundle under
+#   /opt/qor-velmora, with the command, launcher, icon and store listing
+#   linked into /usr.
+# Each artefact appears complete or not at all.
+set -euo pipefail
+
+build=${1:-build}
+out=${2:-$build/packages}
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+bundle="$work/QOR Velmora"
+cmake --install "$build" --prefix "$bundle" --strip >/dev/null
+version=$(tr -d '[:space:]' <"$bundle/share/qor-velmora/APP_VERSION")
+case $(uname -m) in
+  x86_64) platform=linux-x64 ;;
+  aarch64) platform=linux-arm64 ;;
+  *) echo "package.sh: no update platform for $(uname -m)" >&2; exit 1 ;;
+esac
+mkdir -p "$out"
+
+# The same inputs give the same bytes: sorted entries, no owners, fixed times.
+stamp=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct 2>/dev/null || echo 0)}
+tar_flags=(--sort=name --owner=0 --group=0 --numeric-owner --mtime="@$stamp")
+
+image="$out/QOR-Velmora-$version-$platform.tar.gz"
+tar "${tar_flags[@]}" -C "$work" -cf - "QOR Velmora" | gzip -9n >"$work/image"
+mv "$work/image" "$image"
+echo "Update image: $image"
+
+# The Debian package.
+root="$work/deb"
+prefix=/opt/qor-velmora
+mkdir -p "$root/opt" "$root/usr/bin" "$root/DEBIAN"
+cp -a "$bundle" "$root$prefix"
+ln -s "$prefix/bin/qor-velmora" "$root/usr/bin/qor-velmora"
+for file in applications/org.qor.Velmora.desktop metainfo/org.qor.Velmora.metainfo.xml \
+    icons/hicolor/scalable/apps/org.qor.Velmora.svg; do
+  mkdir -p "$(dirname "$root/usr/share/$file")"
+  ln -s "$prefix/share/$file" "$root/usr/share/$file"
+done
+
+# Libraries as dpkg-shlibdeps finds them, plus the tools the shell runs and
+# the Python its bundled runtime uses.
+mkdir -p "$work/shlibs/debian"
+printf 'Source: qor-velmora\n\nPackage: qor-velmora\nArchitecture: any\n' >"$work/shlibs/debian/control"
+libraries=$(cd "$work/shlibs" && dpkg-shlibdeps -O "$root$prefix/bin/qor-velmora" |
+  sed -n 's/^shlibs:Depends=//p')
+[ -n "$libraries" ] || { echo "package.sh: dpkg-shlibdeps found no libraries" >&2; exit 1; }
+architecture=$(dpkg --print-architecture)
+cat >"$root/DEBIAN/control" <<EOF
+Package: qor-velmora
+Version: $version
+Architecture: $architecture
+Maintainer: QOR <desktop@qor.example.org>
+Installed-Size: $(du -sk --apparent-size "$root" | cut -f1)
+Depends: $libraries, unzip, zip, tar, python3 (>= 3.9)
+Section: misc
+Priority: optional
+Homepage: https://qor.example.org/velmora
+Description: QOR workspace desktop application
+ QOR Velmora brings the QOR workspace to the desktop: it sets up the local
+ service the workspace needs on first start, keeps it running while the
+ window is open, and stops it on quit.
+EOF
+deb="$out/qor-velmora_${version}_$architecture.deb"
+dpkg-deb --root-owner-group -Zxz --build "$root" "$work/deb.deb" >/dev/null
+mv "$work/deb.deb" "$deb"
+echo "Debian package: $deb"
