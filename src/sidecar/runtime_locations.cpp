@@ -1,30 +1,13 @@
-#include "sidecar/runtime_locations.h"
-
-#include <pwd.h>
+// Where the supervisor keeps the runtime, the gateway and the user's data.
 #include <sys/utsname.h>
-#include <unistd.h>
 
 #include <string>
 
 #include "base/environment.h"
+#include "base/user_data.h"
 #include "sidecar/sidecar_manager.h"
 
 namespace qor {
-namespace {
-
-std::filesystem::path homeDirectory() {
-  if (const auto home = Environment::variable("HOME"); home && !home->empty()) return *home;
-  if (const passwd* entry = getpwuid(getuid()); entry && entry->pw_dir) return entry->pw_dir;
-  return "/";
-}
-
-}  // namespace
-
-std::filesystem::path userDataDirectory() {
-  const auto dataHome = Environment::variable("XDG_DATA_HOME");
-  if (dataHome && std::filesystem::path(*dataHome).is_absolute()) return *dataHome;
-  return homeDirectory() / ".local" / "share";
-}
 
 bool SidecarManager::developerMode() {
   return Environment::variable("QOR_DEV") == "1";

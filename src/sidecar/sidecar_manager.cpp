@@ -3,7 +3,7 @@
 #include <thread>
 
 #include "base/bundle.h"
-#include "sidecar/runtime_locations.h"
+#include "base/user_data.h"
 #include "sidecar/stale_sidecar_reaper.h"
 
 namespace qor {

@@ -10,7 +10,7 @@
 
 #include "base/child_process.h"
 #include "base/files.h"
-#include "sidecar/runtime_locations.h"
+#include "base/user_data.h"
 #include "updater/file_digest.h"
 #include "updater/install_script.h"
 #include "updater/random_uuid.h"

@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "base/bundle.h"
-#include "sidecar/runtime_locations.h"
+#include "base/user_data.h"
 #include "updater/update_texts.h"
 #include "updater/url_parts.h"
 

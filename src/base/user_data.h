@@ -1,4 +1,5 @@
-// Where the supervisor keeps the runtime, the gateway and the user's data.
+// Where the application keeps per-user files: its folder in the desktop's
+// per-user data folder.
 #pragma once
 
 #include <filesystem>
@@ -9,6 +10,7 @@ namespace qor {
 // absolute, else ~/.local/share.
 std::filesystem::path userDataDirectory();
 
+// The application's folder inside it.
 inline constexpr const char* productFolderName = "QOR Velmora";
 
 }  // namespace qor
