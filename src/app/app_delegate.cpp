@@ -10,6 +10,7 @@
 #include "app/main_menu.h"
 #include "app/navigation_policy.h"
 #include "app/product_name.h"
+#include "app/rendering_mode.h"
 #include "base/bundle.h"
 
 namespace qor {
@@ -160,6 +161,7 @@ void AppDelegate::buildWindow() {
   gtk_widget_set_vexpand(label, true);
 
   webView_ = GObjectPtr<WebKitWebView>::retain(WEBKIT_WEB_VIEW(webkit_web_view_new()));
+  chooseWebViewRendering(webView_.get());
   webkit_settings_set_enable_developer_extras(webkit_web_view_get_settings(webView_.get()), true);
   gtk_widget_set_visible(GTK_WIDGET(webView_.get()), false);
 

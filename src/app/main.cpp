@@ -5,8 +5,10 @@
 
 #include "app/app_delegate.h"
 #include "app/gobject_ptr.h"
+#include "app/rendering_mode.h"
 
 int main(int, char** argv) {
+  qor::chooseToolkitRenderer();
   auto app = qor::GObjectPtr<GtkApplication>::adopt(
       gtk_application_new("org.qor.Velmora", G_APPLICATION_DEFAULT_FLAGS));
   auto delegate = std::make_shared<qor::AppDelegate>();

@@ -1,0 +1,22 @@
+// How the window and the web view draw. Where GL is drawn by the CPU (no GPU),
+// GTK's GL renderer and WebKit's accelerated compositing cost more than they
+// give: the window maps a second or more later, the shell's processes hold
+// almost twice the memory, and each fade of the overlay scrollbars keeps a
+// core busy for three seconds. There the shell draws with cairo, paints the
+// page without compositing and shows classic scrollbars; with a GPU it keeps
+// the toolkit's and the engine's defaults.
+//
+// Threads: the UI thread.
+#pragma once
+
+#include <webkit/webkit.h>
+
+namespace qor {
+
+// Before GTK realises any window: the toolkit picks its renderer then.
+void chooseToolkitRenderer();
+
+// For the web view, before it loads anything.
+void chooseWebViewRendering(WebKitWebView* view);
+
+}  // namespace qor
