@@ -14,9 +14,12 @@ bool softwareRendering() {
 
 }  // namespace
 
-// A renderer the user chose through GSK_RENDERER stays.
+// Without GL the display also opens sooner: GDK would otherwise start it only
+// to pick the X visual. What the user set in either variable stays.
 void chooseToolkitRenderer() {
-  if (softwareRendering()) g_setenv("GSK_RENDERER", "cairo", false);
+  if (!softwareRendering()) return;
+  g_setenv("GSK_RENDERER", "cairo", false);
+  g_setenv("GDK_DEBUG", "gl-disable", false);
 }
 
 void chooseWebViewRendering(WebKitWebView* view) {

@@ -2,9 +2,9 @@
 // GTK's GL renderer and WebKit's accelerated compositing cost more than they
 // give: the window maps a second or more later, the shell's processes hold
 // almost twice the memory, and each fade of the overlay scrollbars keeps a
-// core busy for three seconds. There the shell draws with cairo, paints the
-// page without compositing and shows classic scrollbars; with a GPU it keeps
-// the toolkit's and the engine's defaults.
+// core busy for three seconds. There the shell draws with cairo and without
+// GL, paints the page without compositing and shows classic scrollbars; with a
+// GPU it keeps the toolkit's and the engine's defaults.
 //
 // Threads: the UI thread.
 #pragma once
