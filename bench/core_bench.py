@@ -247,7 +247,7 @@ def update_download(bench, root, runs):
 
 
 def gateway_ports_free():
-    return not subprocess.run(["/usr/bin/ss", "-Hltn", "( sport = :8088 or sport = :8089 )"],
+    return not subprocess.run(["/bin/ss", "-Hltn", "( sport = :8088 or sport = :8089 )"],
                               check=True, capture_output=True, text=True).stdout.strip()
 
 
