@@ -1,18 +1,21 @@
-// What the kernel says about listening sockets (its socket diagnostics) and
-// about processes (/proc): who listens on a port, and with what command line.
+// What the kernel's process table says about listening sockets and command
+// lines, read from /proc.
 #pragma once
 
 #include <sys/types.h>
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace qor {
 
-// Ids of the processes holding a TCP socket that listens on `port` (IPv4 or
-// IPv6), ascending; nothing when none does or /proc cannot be read.
-std::optional<std::vector<pid_t>> pidsListening(int port);
+// For each of `ports` that a TCP socket listens on (IPv4 or IPv6), the ids of
+// the processes holding such a socket, ascending. Ports nobody listens on are
+// absent. Each socket table is read once, however many ports are asked for:
+// every read walks the kernel's whole connection table.
+std::map<int, std::vector<pid_t>> listenersOn(const std::vector<int>& ports);
 
 // The process's arguments joined by single spaces and trimmed (empty for a
 // kernel thread or a zombie); nothing when there is no such process.

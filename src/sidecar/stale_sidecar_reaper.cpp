@@ -1,7 +1,6 @@
 #include "sidecar/stale_sidecar_reaper.h"
 
 #include <csignal>
-#include <optional>
 #include <string>
 
 #include "sidecar/process_table.h"
@@ -17,21 +16,24 @@ bool contains(std::string_view text, std::string_view part) {
   return text.find(part) != std::string_view::npos;
 }
 
-// Calls `visit(pid, command)` for each process of ours listening on `port`.
-template <typename Visit>
-void forEachOursListening(int port, Visit visit) {
-  const auto pids = pidsListening(port);
-  if (!pids) return;
-  for (const pid_t pid : *pids) {
-    const auto command = processCommand(pid);
-    if (command && isOurSidecar(*command)) visit(pid, *command);
-  }
-}
+struct StaleSidecar {
+  pid_t pid;
+  int port;
+  std::string command;
+};
 
-bool anyOursListening(const std::vector<int>& ports) {
-  bool found = false;
-  for (const int port : ports)
-    forEachOursListening(port, [&](pid_t, const std::string&) { found = true; });
+// The processes of ours listening on `ports`, port by port.
+std::vector<StaleSidecar> oursListening(const std::vector<int>& ports) {
+  const auto listeners = listenersOn(ports);
+  std::vector<StaleSidecar> found;
+  for (const int port : ports) {
+    const auto listening = listeners.find(port);
+    if (listening == listeners.end()) continue;
+    for (const pid_t pid : listening->second) {
+      const auto command = processCommand(pid);
+      if (command && isOurSidecar(*command)) found.push_back({pid, port, *command});
+    }
+  }
   return found;
 }
 
@@ -47,20 +49,18 @@ bool isOurSidecar(std::string_view command) {
 
 void reapStaleSidecars(const std::vector<int>& ports, const ScaledClock& clock,
                        const DiagnosticSink& diagnostics) {
-  for (const int port : ports) {
-    forEachOursListening(port, [&](pid_t pid, const std::string& command) {
-      diagnostics("[sidecar] reaping stale sidecar pid=" + std::to_string(pid) + " on port " +
-                  std::to_string(port) + ": " + command + "\n");
-      ::kill(pid, SIGTERM);
-    });
+  const auto stale = oursListening(ports);
+  for (const auto& [pid, port, command] : stale) {
+    diagnostics("[sidecar] reaping stale sidecar pid=" + std::to_string(pid) + " on port " +
+                std::to_string(port) + ": " + command + "\n");
+    ::kill(pid, SIGTERM);
   }
+  if (stale.empty()) return;  // nothing to wait for
   for (int pass = 0; pass < waitPasses; ++pass) {
-    if (!anyOursListening(ports)) return;
+    if (oursListening(ports).empty()) return;
     clock.sleepFor(passPause);
   }
-  for (const int port : ports) {
-    forEachOursListening(port, [](pid_t pid, const std::string&) { ::kill(pid, SIGKILL); });
-  }
+  for (const auto& left : oursListening(ports)) ::kill(left.pid, SIGKILL);
   clock.sleepFor(settlePause);
 }
 

@@ -40,7 +40,7 @@ TEST_F(SidecarStop, TheGatewayDiesWithAKilledShell) {
       launch({.executable = SIDECAR_HOST,
               .arguments = {support().string(), resources().string(), std::to_string(gatewayPort),
                             std::to_string(litellmPort)}});
-  ASSERT_TRUE(eventually([&] { return pidsListening(gatewayPort).has_value(); }));
+  ASSERT_TRUE(eventually([&] { return listenersOn({gatewayPort}).contains(gatewayPort); }));
   const auto gateway = launches().at(0)["pid"].get<pid_t>();
 
   host->kill();

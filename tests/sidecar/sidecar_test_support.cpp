@@ -154,7 +154,7 @@ std::shared_ptr<ChildProcess> SidecarTest::runStandIn(const fs::path& dataDir, i
                     std::to_string(litellmPort), "--data-dir", dataDir.string()},
       .workingDirectory = FAKE_GATEWAY_DIR,
   });
-  if (!eventually([&] { return pidsListening(port).has_value(); })) {
+  if (!eventually([&] { return listenersOn({port}).contains(port); })) {
     throw std::runtime_error("the stand-in gateway never listened");
   }
   return child;

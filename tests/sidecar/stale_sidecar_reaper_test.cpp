@@ -27,18 +27,19 @@ int localPort(const Socket& s) {
 }
 
 // Only sockets in the listening state count, on IPv4 and IPv6 alike.
-TEST(ProcessTable, PidsListeningSeesListenersOnly) {
-  const std::optional<std::vector<pid_t>> us = std::vector{getpid()}, nobody;
+TEST(ProcessTable, ListenersAreSocketsInTheListeningStateOnly) {
+  const auto us = [](int port) { return std::map<int, std::vector<pid_t>>{{port, {getpid()}}}; };
+  const std::map<int, std::vector<pid_t>> nobody;
   Socket server(AF_INET), client(AF_INET), server6(AF_INET6);
   sockaddr_in address{.sin_family = AF_INET, .sin_addr = {htonl(INADDR_LOOPBACK)}};
   ASSERT_EQ(bind(server.fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   const int port = localPort(server);
-  EXPECT_EQ(pidsListening(port), nobody) << "bound, not listening";
+  EXPECT_EQ(listenersOn({port}), nobody) << "bound, not listening";
   ASSERT_EQ(listen(server.fd, 1), 0);
-  EXPECT_EQ(pidsListening(port), us);
+  EXPECT_EQ(listenersOn({port, port + 1}), us(port));
   address.sin_port = htons(port);
   ASSERT_EQ(connect(client.fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  EXPECT_EQ(pidsListening(localPort(client)), nobody) << "connected, not listening";
+  EXPECT_EQ(listenersOn({localPort(client)}), nobody) << "connected, not listening";
 
   sockaddr_in6 address6{.sin6_family = AF_INET6, .sin6_port = htons(port)};
   address6.sin6_addr = in6addr_loopback;
@@ -47,7 +48,7 @@ TEST(ProcessTable, PidsListeningSeesListenersOnly) {
   }
   ASSERT_EQ(listen(server6.fd, 1), 0);
   shutdown(server.fd, SHUT_RDWR);  // ends the IPv4 listener
-  EXPECT_EQ(pidsListening(port), us) << "IPv6 only";
+  EXPECT_EQ(listenersOn({port}), us(port)) << "IPv6 only";
 }
 
 using StaleSidecarReaping = SidecarTest;
