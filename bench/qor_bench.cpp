@@ -136,9 +136,7 @@ int download(const std::string& url, const fs::path& caFile, const fs::path& fol
 int reap() {
   const std::vector<int> ports{qor::SidecarManager::gatewayPort, qor::SidecarManager::litellmPort};
   // Anything listening there could be someone's gateway, which the sweep would end.
-  for (const int port : ports) {
-    if (qor::pidsListening(port)) return fail("port " + std::to_string(port) + " is in use");
-  }
+  if (!qor::listenersOn(ports).empty()) return fail("port 8088 or 8089 is in use");
   const auto start = Clock::now();
   qor::reapStaleSidecars(ports, qor::ScaledClock{}, discardDiagnostics);
   printSeconds(start);
