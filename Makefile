@@ -42,3 +42,12 @@ clean:
 .PHONY: run
 run: build
 	@./scripts/run.sh "$(BUILD)"
+
+# Measures the shell against what people would use instead (chromium --app,
+# surf, the system's tools) on this machine and prints one markdown table; see
+# bench/run_bench.py.
+.PHONY: bench
+bench: build
+	@./scripts/install-deps.sh --bench
+	cmake --build $(BUILD) -j $(JOBS) --target qor_bench
+	/usr/bin/python3 bench/run_bench.py "$(BUILD)"

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the project needs to build, run and test.
-# Does nothing when every package is already present.
+# Installs the Debian packages the project needs to build, run and test;
+# with --bench also those the benchmarks measure against and read the window
+# with. Does nothing when every package is already present.
 set -euo pipefail
 
 packages=(
@@ -16,6 +17,11 @@ packages=(
   # packaging, and the desktop files' validators
   dpkg-dev desktop-file-utils appstream
 )
+bench_packages=(
+  # what people use instead, the X client that sees the window map, the tools timed against
+  chromium surf python3-xlib lsof curl
+)
+[ "${1:-}" = --bench ] && packages+=("${bench_packages[@]}")
 
 missing=()
 for p in "${packages[@]}"; do
