@@ -24,7 +24,7 @@ def summary(values, places=2):  # "median (min–max)"
 
 
 def table(rows):
-    """One markdown table; a row is {figure, unit, ours, reference_name, reference, target}."""
+    """One markdown table; rows are {figure, unit, ours, reference_name, reference, target}."""
     lines = ["| figure | unit | ours: median (min–max) | reference | reference: median (min–max)"
              " | ratio | target |", "|---|---|---|---|---|---|---|"]
     for row in rows:

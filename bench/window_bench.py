@@ -138,17 +138,15 @@ def measure(bundle, runs):
                     reference=reference, target=target)
 
     web_ui, pss = of(shell, "web_ui"), of(shell, "pss")
+    to_script = "2. exec → page script (beacon)"
+    memory = f"3. PSS of the shell's tree but its gateway, {SETTLE} s after load"
     return [
         row("1. exec → window mapped", "s", of(shell, "boot"), "≤ 0.3 s"),
-        row("2. exec → page script (beacon)", "s", web_ui, "≤ floor + 0.7 s",
-            "gateway alone: exec → /healthz", floor),
-        row("2. exec → page script (beacon)", "s", web_ui, "–", "chromium --app", of(chrome,
-            "web_ui")),
-        row("2. exec → page script (beacon)", "s", web_ui, "–", "surf", of(plain, "web_ui")),
-        row("3. PSS of the shell's tree but its gateway, 2 s after load", "MiB", pss, "≤ 1.00 × surf", "surf",
-            of(plain, "pss")),
-        row("3. PSS of the shell's tree but its gateway, 2 s after load", "MiB", pss, "≤ 0.85 × chromium",
-            "chromium --app", of(chrome, "pss")),
+        row(to_script, "s", web_ui, "≤ floor + 0.7 s", "gateway alone: exec → /healthz", floor),
+        row(to_script, "s", web_ui, "–", "chromium --app", of(chrome, "web_ui")),
+        row(to_script, "s", web_ui, "–", "surf", of(plain, "web_ui")),
+        row(memory, "MiB", pss, "≤ 1.00 × surf", "surf", of(plain, "pss")),
+        row(memory, "MiB", pss, "≤ 0.85 × chromium", "chromium --app", of(chrome, "pss")),
         row("3. PSS of the gateway", "MiB", of(shell, "gateway_pss"), "–"),
         row(f"4. CPU of the shell's tree, {IDLE_FOR} s idle from {IDLE_FROM} s after load",
             "CPU s", of(shell, "idle_cpu"), "< 0.05 CPU s"),
