@@ -100,8 +100,9 @@ void AppDelegate::applicationDidFinishLaunching() {
   // replaces the bundle.
   updater_->terminateApplication = [app = app_] { g_application_quit(G_APPLICATION(app)); };
   installActions();
-  connectSignals();
   gtk_window_present(window_.get());
+  // The boot screen maps before the web engine starts, which takes a while.
+  gdk_display_flush(gtk_widget_get_display(GTK_WIDGET(window_.get())));
 
   // The supervisor delivers both on this thread through the main-thread
   // queue; they hold the controller weakly.
@@ -113,6 +114,9 @@ void AppDelegate::applicationDidFinishLaunching() {
     if (auto self = weakSelf.lock()) self->loadGateway(url);
   };
   sidecar_->start();
+  // The engine starts while the gateway does; the page loads once this returns.
+  buildWebView();
+  connectSignals();
   updater_->scheduleAutomaticCheck();
 }
 
@@ -160,18 +164,24 @@ void AppDelegate::buildWindow() {
   gtk_widget_set_hexpand(label, true);
   gtk_widget_set_vexpand(label, true);
 
+  GtkWidget* overlay = gtk_overlay_new();
+  gtk_overlay_set_child(GTK_OVERLAY(overlay), label);
+  gtk_window_set_child(window_.get(), overlay);
+
+  scriptDialogs_ = std::make_unique<ScriptDialogQueue>(window_.get());
+}
+
+// The blank page starts the engine's page process while the gateway boots; the
+// gateway's page then loads in it without a process start of its own.
+void AppDelegate::buildWebView() {
   webView_ = GObjectPtr<WebKitWebView>::retain(WEBKIT_WEB_VIEW(webkit_web_view_new()));
   chooseWebViewRendering(webView_.get());
   webkit_settings_set_enable_developer_extras(webkit_web_view_get_settings(webView_.get()), true);
   gtk_widget_set_visible(GTK_WIDGET(webView_.get()), false);
-
   // The web view lies above the label and covers it once shown.
-  GtkWidget* overlay = gtk_overlay_new();
-  gtk_overlay_set_child(GTK_OVERLAY(overlay), label);
-  gtk_overlay_add_overlay(GTK_OVERLAY(overlay), GTK_WIDGET(webView_.get()));
-  gtk_window_set_child(window_.get(), overlay);
-
-  scriptDialogs_ = std::make_unique<ScriptDialogQueue>(window_.get());
+  gtk_overlay_add_overlay(GTK_OVERLAY(gtk_window_get_child(window_.get())),
+                          GTK_WIDGET(webView_.get()));
+  webkit_web_view_load_uri(webView_.get(), "about:blank");
 }
 
 void AppDelegate::installActions() {

@@ -63,6 +63,7 @@ class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
   void applicationShouldHandleReopen();
   void applicationWillTerminate();
   void buildWindow();
+  void buildWebView();
   void installActions();
   void connectSignals();
   void showStatus(const std::string& text);
