@@ -2,7 +2,7 @@
 the beacon gateway, a private home per run, a virtual display with its D-Bus session, and the
 staged bundle."""
 
-import contextlib, json, os, shutil, signal, socket, socketserver, statistics, subprocess
+import contextlib, ctypes, json, os, shutil, signal, socket, socketserver, statistics, subprocess
 import tempfile, time, urllib.request
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
@@ -77,26 +77,38 @@ def cpu_seconds(pids):  # {pid: user + system time so far}
     return times
 
 
-def end_run_processes(run_id):
-    """SIGKILLs whatever a run left (found by its marker), and waits until none is left."""
+def end_run_processes(run_id, sessions):
+    """SIGKILLs whatever a run left and waits until none is left: the processes that carry its
+    marker, and those in the sessions it started (chromium overwrites its environment)."""
     needle = f"{MARKER}={run_id}".encode()
 
-    def left():
-        found = []
-        for pid in filter(str.isdigit, os.listdir("/proc")):
-            with contextlib.suppress(OSError, IndexError), open(f"/proc/{pid}/environ", "rb") as f:
-                if needle in f.read().split(b"\0") and _stat_fields(pid)[0] != "Z":
-                    found.append(int(pid))
-        return found
+    def of_run(pid):
+        with contextlib.suppress(OSError, IndexError), open(f"/proc/{pid}/environ", "rb") as f:
+            fields = _stat_fields(pid)
+            return fields[0] != "Z" and (int(fields[3]) in sessions or
+                                         needle in f.read().split(b"\0"))
 
+    ended = set()
     for _ in range(100):
-        if not (pids := left()):
+        if not (pids := [int(pid) for pid in filter(str.isdigit, os.listdir("/proc"))
+                         if of_run(pid)]):
+            for pid in ended - sessions:  # orphans come to us (adopt_orphans), so reap them
+                with contextlib.suppress(ChildProcessError):
+                    os.waitpid(pid, 0)
             return
         for pid in pids:
             with contextlib.suppress(ProcessLookupError):
                 os.kill(pid, signal.SIGKILL)
+        ended.update(pids)
         time.sleep(0.05)
     raise RuntimeError(f"processes of run {run_id} survive SIGKILL: {pids}")
+
+
+def adopt_orphans():
+    """Makes this process the one orphans below it are handed to, so none is left a zombie."""
+    PR_SET_CHILD_SUBREAPER = 36
+    if ctypes.CDLL(None, use_errno=True).prctl(PR_SET_CHILD_SUBREAPER, 1) != 0:
+        raise OSError(ctypes.get_errno(), "prctl(PR_SET_CHILD_SUBREAPER)")
 
 
 # The beacon gateway: ready at once, serves a page the size of a real UI whose script reports
@@ -192,8 +204,8 @@ def port_free(port):
 # Runs: a private home each, the virtual display, the bundle.
 
 class Run:
-    """One run's private home and log; `env` carries the run's marker so `close` can end
-    everything the run started, however deep."""
+    """One run's private home and log. What it starts gets the run's marker in its environment
+    and a session of its own, so `close` can end everything the run started, however deep."""
 
     def __init__(self, **extra_env):
         self.root = tempfile.mkdtemp(prefix="qor-bench-")
@@ -206,13 +218,16 @@ class Run:
             XDG_DATA_DIRS="/usr/local/share:/usr/share", TMPDIR=f"{self.root}/tmp",
             LANG="C.UTF-8", PYTHONDONTWRITEBYTECODE="1", QOR_BENCH_LOG=self.log,
             **{MARKER: self.id}, **extra_env)
+        self.started = []  # each leads a session of its own
         for folder in ("run", "tmp", "home/.config"):
             os.makedirs(f"{self.root}/{folder}", mode=0o700)
 
     def start(self, command, **options):  # options override the run's environment and folder
-        return subprocess.Popen(command, **{"env": self.env, "cwd": self.root, **options},
-                                stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                stderr=subprocess.DEVNULL)
+        process = subprocess.Popen(command, **{"env": self.env, "cwd": self.root, **options},
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                   stderr=subprocess.DEVNULL, start_new_session=True)
+        self.started.append(process)
+        return process
 
     def start_gateway(self, port, version):
         return self.start(["/usr/bin/python3", "-m", "qor_gateway.main", "--port", str(port),
@@ -223,7 +238,9 @@ class Run:
         return wait_until(lambda: beacons(self.log), timeout, "beacon from the page")[0]
 
     def close(self):
-        end_run_processes(self.id)
+        end_run_processes(self.id, {process.pid for process in self.started})
+        for process in self.started:
+            process.wait()
         shutil.rmtree(self.root, ignore_errors=True)
 
 

@@ -18,6 +18,7 @@ def main():
         parser.error("--runs must be at least 5")
     build_dir = os.path.abspath(args.build_dir)
 
+    benchlib.adopt_orphans()
     started = time.monotonic()
     with tempfile.TemporaryDirectory(prefix="qor-bench-bundle-") as folder:
         bundle = benchlib.stage_bundle(build_dir, folder)
