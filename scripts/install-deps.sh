@@ -19,7 +19,7 @@ packages=(
 )
 bench_packages=(
   # what people use instead, the X client that sees the window map, the tools timed against
-  chromium surf python3-xlib lsof curl
+  chromium surf python3-xlib lsof curl iproute2
 )
 [ "${1:-}" = --bench ] && packages+=("${bench_packages[@]}")
 
