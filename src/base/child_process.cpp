@@ -25,7 +25,7 @@ struct ChildProcess::State {
 
 namespace {
 
-// Everything the child needs, prepared before fork: between fork and exec
+// Everything the child needs, prepared before it starts: until exec
 // the child may only make system calls.
 struct ExecPlan {
   std::string executable;
@@ -74,14 +74,16 @@ class FileDescriptor {
     // The parent may have died before the request above took effect.
     if (getppid() != plan.parentPid) _exit(127);
   }
-  sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
+  // Every signal is still blocked (the spawner's thread blocks them all), so
+  // no handler of the parent can run here before the defaults are back.
   struct sigaction defaultAction {};
   defaultAction.sa_handler = SIG_DFL;
   for (int signalNumber = 1; signalNumber < NSIG; ++signalNumber) {
     sigaction(signalNumber, &defaultAction, nullptr);  // KILL, STOP and libc's own refuse; fine
   }
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
   if (dup2(plan.standardInput, STDIN_FILENO) < 0 || dup2(plan.standardOutput, STDOUT_FILENO) < 0 ||
       dup2(plan.standardError, STDERR_FILENO) < 0) {
     fail();
@@ -97,7 +99,10 @@ Result<pid_t> forkAndExec(const ExecPlan& plan) {
     return systemError(errno, "cannot launch " + plan.executable);
   FileDescriptor readEnd(errorPipe[0]);
   FileDescriptor writeEnd(errorPipe[1]);
-  const pid_t pid = fork();
+  // The child borrows the parent's memory until exec instead of copying its
+  // page tables, which for a shell holding the web engine and a GL driver
+  // takes tens of milliseconds while the parent keeps mapping libraries.
+  const pid_t pid = vfork();
   if (pid < 0) return systemError(errno, "cannot launch " + plan.executable);
   if (pid == 0) execChild(plan, writeEnd.get());
   writeEnd.reset();
@@ -137,7 +142,12 @@ class Spawner {
 
  private:
   Spawner() {
-    std::thread([this] { serve(); }).detach();
+    std::thread([this] {
+      sigset_t all;
+      sigfillset(&all);
+      pthread_sigmask(SIG_SETMASK, &all, nullptr);
+      serve();
+    }).detach();
   }
 
   [[noreturn]] void serve() {
