@@ -45,16 +45,20 @@ def timed(*arguments, check=True, **options):
 
 def rounds(runs, run_ours, run_reference, after=lambda: None):
     """Our operation and the reference, `runs` times, so both see the same machine load; which
-    goes first alternates, so neither always inherits the other's page cache and writeback.
-    `after` clears each round's output. Writeback of what came before is flushed in between."""
+    goes first alternates, so neither always inherits the other's page cache. Each starts with
+    the writeback of what came before flushed, so neither pays for the other's writes. `after`
+    clears each round's output."""
+    def synced(run):
+        os.sync()
+        return run()
+
     mine, reference = [], []
     for i in range(runs):
-        os.sync()
         if i % 2:
-            reference.append(run_reference())
-        mine.append(run_ours())
+            reference.append(synced(run_reference))
+        mine.append(synced(run_ours))
         if not i % 2:
-            reference.append(run_reference())
+            reference.append(synced(run_reference))
         after()
     return mine, reference
 
