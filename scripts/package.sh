@@ -49,7 +49,8 @@ done
 # the Python its bundled runtime uses.
 mkdir -p "$work/shlibs/debian"
 printf 'Source: qor-velmora\n\nPackage: qor-velmora\nArchitecture: any\n' >"$work/shlibs/debian/control"
-libraries=$(cd "$work/shlibs" && dpkg-shlibdeps -O "$root$prefix/bin/qor-velmora" |
+libraries=$(cd "$work/shlibs" && dpkg-shlibdeps -O "$root$prefix/bin/qor-velmora" \
+  "$root$prefix/lib/qor-velmora/libqor-velmora-web.so" |
   sed -n 's/^shlibs:Depends=//p')
 [ -n "$libraries" ] || { echo "package.sh: dpkg-shlibdeps found no libraries" >&2; exit 1; }
 architecture=$(dpkg --print-architecture)

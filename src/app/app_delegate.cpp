@@ -3,40 +3,20 @@
 #include <glib-unix.h>
 
 #include <csignal>
-#include <string_view>
 
-#include "app/build_config.h"
 #include "app/gtk_updater_dialogs.h"
 #include "app/main_menu.h"
-#include "app/navigation_policy.h"
 #include "app/product_name.h"
-#include "app/rendering_mode.h"
 #include "base/bundle.h"
 
 namespace qor {
 namespace {
 
 constexpr const char* bootText = "Starting QOR Velmora…";
-constexpr std::string_view loadFailedText = "Sidecar UI failed to load: ";
 constexpr int windowWidth = 1280;
 constexpr int windowHeight = 820;
 constexpr int bootLabelPoints = 15;
 constexpr const char* iconName = "org.qor.Velmora";
-
-std::string requestURL(WebKitNavigationAction* action) {
-  WebKitURIRequest* request = webkit_navigation_action_get_request(action);
-  const char* uri = request ? webkit_uri_request_get_uri(request) : nullptr;
-  return uri ? uri : "";
-}
-
-const char* editingCommand(std::string_view action) {
-  if (action == "undo") return WEBKIT_EDITING_COMMAND_UNDO;
-  if (action == "redo") return WEBKIT_EDITING_COMMAND_REDO;
-  if (action == "cut") return WEBKIT_EDITING_COMMAND_CUT;
-  if (action == "copy") return WEBKIT_EDITING_COMMAND_COPY;
-  if (action == "paste") return WEBKIT_EDITING_COMMAND_PASTE;
-  return WEBKIT_EDITING_COMMAND_SELECT_ALL;
-}
 
 }  // namespace
 
@@ -45,8 +25,6 @@ AppDelegate::AppDelegate()
       sidecar_(std::make_shared<SidecarManager>(mainThread_, SidecarManager::Settings{})) {}
 
 AppDelegate::~AppDelegate() {
-  scriptDialogs_.reset();
-  if (webView_) g_signal_handlers_disconnect_by_data(webView_.get(), this);
   if (window_) g_signal_handlers_disconnect_by_data(window_.get(), this);
   if (app_) g_signal_handlers_disconnect_by_data(app_, this);
 }
@@ -101,8 +79,10 @@ void AppDelegate::applicationDidFinishLaunching() {
   updater_->terminateApplication = [app = app_] { g_application_quit(G_APPLICATION(app)); };
   installActions();
   gtk_window_present(window_.get());
-  // The boot screen maps before the web engine starts, which takes a while.
+  // The boot screen maps before the web engine loads, which takes a while.
   gdk_display_flush(gtk_widget_get_display(GTK_WIDGET(window_.get())));
+  // Before the supervisor's threads, which could not start while it loads.
+  const auto webContent = loadWebContentModule();
 
   // The supervisor delivers both on this thread through the main-thread
   // queue; they hold the controller weakly.
@@ -115,8 +95,8 @@ void AppDelegate::applicationDidFinishLaunching() {
   };
   sidecar_->start();
   // The engine starts while the gateway does; the page loads once this returns.
-  buildWebView();
-  connectSignals();
+  buildWebView(webContent);
+  g_signal_connect(window_.get(), "close-request", G_CALLBACK(onCloseRequest), this);
   updater_->scheduleAutomaticCheck();
 }
 
@@ -167,21 +147,20 @@ void AppDelegate::buildWindow() {
   GtkWidget* overlay = gtk_overlay_new();
   gtk_overlay_set_child(GTK_OVERLAY(overlay), label);
   gtk_window_set_child(window_.get(), overlay);
-
-  scriptDialogs_ = std::make_unique<ScriptDialogQueue>(window_.get());
 }
 
-// The blank page starts the engine's page process while the gateway boots; the
-// gateway's page then loads in it without a process start of its own.
-void AppDelegate::buildWebView() {
-  webView_ = GObjectPtr<WebKitWebView>::retain(WEBKIT_WEB_VIEW(webkit_web_view_new()));
-  chooseWebViewRendering(webView_.get());
-  webkit_settings_set_enable_developer_extras(webkit_web_view_get_settings(webView_.get()), true);
-  gtk_widget_set_visible(GTK_WIDGET(webView_.get()), false);
+// Without a web view the shell still supervises the gateway; the label says
+// why nothing else happens.
+void AppDelegate::buildWebView(const Result<CreateWebContent>& module) {
+  if (!module) {
+    g_printerr("%s\n", module.error().description.c_str());
+    gtk_label_set_text(bootLabel_.get(), module.error().description.c_str());
+    return;
+  }
+  web_.reset((*module)({.window = window_.get(),
+                        .showStatus = [this](const std::string& text) { showStatus(text); }}));
   // The web view lies above the label and covers it once shown.
-  gtk_overlay_add_overlay(GTK_OVERLAY(gtk_window_get_child(window_.get())),
-                          GTK_WIDGET(webView_.get()));
-  webkit_web_view_load_uri(webView_.get(), "about:blank");
+  gtk_overlay_add_overlay(GTK_OVERLAY(gtk_window_get_child(window_.get())), web_->widget());
 }
 
 void AppDelegate::installActions() {
@@ -214,151 +193,14 @@ void AppDelegate::installActions() {
                                   G_N_ELEMENTS(windowActions), this);
 }
 
-void AppDelegate::connectSignals() {
-  g_signal_connect(window_.get(), "close-request", G_CALLBACK(onCloseRequest), this);
-  g_signal_connect(webView_.get(), "decide-policy", G_CALLBACK(onDecidePolicy), this);
-  g_signal_connect(webView_.get(), "create", G_CALLBACK(onCreate), this);
-  g_signal_connect(webView_.get(), "script-dialog", G_CALLBACK(onScriptDialog), this);
-  g_signal_connect(webView_.get(), "load-failed", G_CALLBACK(onLoadFailed), this);
-}
-
+// The supervisor's texts arrive only after the web view was made; without one
+// the label keeps saying why.
 void AppDelegate::showStatus(const std::string& text) {
-  gtk_label_set_text(bootLabel_.get(), text.c_str());
+  if (web_) gtk_label_set_text(bootLabel_.get(), text.c_str());
 }
 
-// The page is fetched from the gateway itself, never from a cache.
 void AppDelegate::loadGateway(const std::string& url) {
-  GObjectPtr<WebKitURIRequest> request =
-      GObjectPtr<WebKitURIRequest>::adopt(webkit_uri_request_new(url.c_str()));
-  SoupMessageHeaders* headers = webkit_uri_request_get_http_headers(request.get());
-  soup_message_headers_replace(headers, "Cache-Control", "no-cache");
-  soup_message_headers_replace(headers, "Pragma", "no-cache");
-  webkit_web_view_load_request(webView_.get(), request.get());
-  gtk_widget_set_visible(GTK_WIDGET(webView_.get()), true);
-}
-
-gboolean AppDelegate::onDecidePolicy(WebKitWebView*, WebKitPolicyDecision* decision,
-                                     WebKitPolicyDecisionType type, gpointer self) {
-  auto* delegate = static_cast<AppDelegate*>(self);
-  if (type != WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION &&
-      type != WEBKIT_POLICY_DECISION_TYPE_NEW_WINDOW_ACTION) {
-    return false;  // responses: the engine's default
-  }
-  const std::string url = requestURL(webkit_navigation_policy_decision_get_navigation_action(
-      WEBKIT_NAVIGATION_POLICY_DECISION(decision)));
-  if (type == WEBKIT_POLICY_DECISION_TYPE_NEW_WINDOW_ACTION) {
-    delegate->createWebViewWith(url);
-    webkit_policy_decision_ignore(decision);
-  } else if (delegate->decidePolicyFor(url)) {
-    webkit_policy_decision_use(decision);
-  } else {
-    webkit_policy_decision_ignore(decision);
-  }
-  return true;
-}
-
-// Script requests for a window (window.open) arrive here rather than as a
-// new-window decision. No second view is ever made.
-GtkWidget* AppDelegate::onCreate(WebKitWebView*, WebKitNavigationAction* action, gpointer self) {
-  static_cast<AppDelegate*>(self)->createWebViewWith(requestURL(action));
-  return nullptr;
-}
-
-gboolean AppDelegate::onScriptDialog(WebKitWebView*, WebKitScriptDialog* dialog, gpointer self) {
-  static_cast<AppDelegate*>(self)->scriptDialogs_->enqueue(dialog);
-  return true;
-}
-
-// The engine's own error page is never shown; a failure after the page was
-// committed is written into the (covered) boot label.
-gboolean AppDelegate::onLoadFailed(WebKitWebView*, WebKitLoadEvent event, char*, GError* error,
-                                   gpointer self) {
-  if (event == WEBKIT_LOAD_COMMITTED) {
-    static_cast<AppDelegate*>(self)->showStatus(std::string(loadFailedText) + error->message);
-  }
-  return true;
-}
-
-bool AppDelegate::decidePolicyFor(const std::string& url) {
-  switch (classifyLink(url)) {
-    case LinkTarget::qorAction:
-      handleQorAction(url);
-      return false;
-    case LinkTarget::external:
-    case LinkTarget::mail:
-      openWithDefaultHandler(url);
-      return false;
-    case LinkTarget::whatsApp:
-      openWhatsApp(url, std::nullopt);
-      return false;
-    case LinkTarget::none:
-    case LinkTarget::loopbackPage:
-    case LinkTarget::other:
-      return true;
-  }
-  return true;
-}
-
-// Like a navigation, except that loopback pages are dropped: the page is
-// opened neither in the main web view nor anywhere else.
-void AppDelegate::createWebViewWith(const std::string& url) {
-  switch (classifyLink(url)) {
-    case LinkTarget::qorAction:
-      handleQorAction(url);
-      break;
-    case LinkTarget::external:
-    case LinkTarget::mail:
-      openWithDefaultHandler(url);
-      break;
-    case LinkTarget::whatsApp:
-      openWhatsApp(url, std::nullopt);
-      break;
-    case LinkTarget::none:
-    case LinkTarget::loopbackPage:
-    case LinkTarget::other:
-      break;
-  }
-}
-
-// Every other path under /__qor/ is swallowed without a trace.
-void AppDelegate::handleQorAction(const std::string& url) {
-  if (const auto request = whatsAppRequest(url)) startWhatsApp(request->phone, request->text);
-}
-
-void AppDelegate::startWhatsApp(const std::string& phone, const std::string& text) {
-  const std::string digits = phoneDigits(phone);
-  if (whatsAppClientInstalled()) {
-    openWithDefaultHandler(whatsAppSendURL(digits, text));
-    return;
-  }
-  const auto fallback = clickToChatURL(clickToChatHost, digits, text);
-  if (!fallback) {
-    g_error("click-to-chat address for host \"%.*s\" cannot be built", int(clickToChatHost.size()),
-            clickToChatHost.data());
-  }
-  openWithDefaultHandler(*fallback);
-}
-
-// Asked afresh every time: a client may be installed while the shell runs.
-bool AppDelegate::whatsAppClientInstalled() {
-  GObjectPtr<GAppInfo> handler =
-      GObjectPtr<GAppInfo>::adopt(g_app_info_get_default_for_uri_scheme("whatsapp"));
-  return bool(handler);
-}
-
-void AppDelegate::openWhatsApp(const std::string& url, const std::optional<std::string>& fallback) {
-  if (whatsAppClientInstalled()) {
-    openWithDefaultHandler(url);
-  } else if (fallback) {
-    openWithDefaultHandler(*fallback);
-  }
-}
-
-// Whether a handler took the URL is not reported anywhere.
-void AppDelegate::openWithDefaultHandler(const std::string& url) {
-  GObjectPtr<GdkAppLaunchContext> context = GObjectPtr<GdkAppLaunchContext>::adopt(
-      gdk_display_get_app_launch_context(gdk_display_get_default()));
-  g_app_info_launch_default_for_uri(url.c_str(), G_APP_LAUNCH_CONTEXT(context.get()), nullptr);
+  if (web_) web_->load(url);
 }
 
 void AppDelegate::onAbout(GSimpleAction*, GVariant*, gpointer self) {
@@ -383,8 +225,9 @@ void AppDelegate::onQuit(GSimpleAction*, GVariant*, gpointer self) {
 }
 
 void AppDelegate::onEditingCommand(GSimpleAction* action, GVariant*, gpointer self) {
-  webkit_web_view_execute_editing_command(static_cast<AppDelegate*>(self)->webView_.get(),
-                                          editingCommand(g_action_get_name(G_ACTION(action))));
+  if (auto& web = static_cast<AppDelegate*>(self)->web_) {
+    web->runEditingCommand(g_action_get_name(G_ACTION(action)));
+  }
 }
 
 void AppDelegate::onMinimize(GSimpleAction*, GVariant*, gpointer self) {

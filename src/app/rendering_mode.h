@@ -9,14 +9,12 @@
 // Threads: the UI thread.
 #pragma once
 
-#include <webkit/webkit.h>
-
 namespace qor {
+
+// Whether GL would be drawn by the CPU here; decided once per process.
+bool softwareRendering();
 
 // Before GTK realises any window: the toolkit picks its renderer then.
 void chooseToolkitRenderer();
-
-// For the web view, before it loads anything.
-void chooseWebViewRendering(WebKitWebView* view);
 
 }  // namespace qor

@@ -52,6 +52,19 @@ class InstallTest(unittest.TestCase):
         wait_until(lambda: len(s.windows()) == 1, 10, "the about box to close")
         self.quit(s)
 
+    def test_bundle_without_its_web_engine_says_why(self):
+        s = Session("install-no-web-engine")
+        self.addCleanup(s.close)
+        shutil.copytree(BUNDLE, bundle := f"{s.root}/QOR Velmora", symlinks=True)
+        os.remove(f"{bundle}/lib/qor-velmora/libqor-velmora-web.so")
+        s.launch(f"{bundle}/bin/qor-velmora")
+        # The gateway is still supervised; once it is ready, the label still says why nothing shows.
+        wait_until(lambda: s.requests("/healthz"), 30, "the readiness probe")
+        self.assertRegex(s.boot_label(), "^cannot load the web view: .*libqor-velmora-web.so")
+        self.assertEqual(find_all(s.main_window(), name="WebKitWebView", max_depth=3), [])
+        s.key("ctrl+q")
+        s.assert_quit_cleanly(self)
+
     def test_debian_package(self):
         fields = output("dpkg-deb", "-f", DEB, "Package", "Version", "Depends").splitlines()
         self.assertEqual(fields[:2], ["Package: qor-velmora", f"Version: {VERSION}"])
@@ -62,7 +75,8 @@ class InstallTest(unittest.TestCase):
         entries = {line.split(" ./", 1)[1] for line in output("dpkg-deb", "-c", DEB).splitlines()
                    if not line.startswith("d")}
         bundle = [f"opt/qor-velmora/{f}" for f in [
-            "bin/qor-velmora", "share/qor-velmora/APP_VERSION",
+            "bin/qor-velmora", "lib/qor-velmora/libqor-velmora-web.so",
+            "share/qor-velmora/APP_VERSION",
             "share/qor-velmora/QOR_RUNTIME_VERSION", f"share/qor-velmora/QOR-runtime-{ARCH}.zip",
             *(f"share/{f}" for f in DESKTOP_FILES)]]
         links = [f"usr/bin/qor-velmora -> {PREFIX}/bin/qor-velmora",

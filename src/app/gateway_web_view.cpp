@@ -1,0 +1,195 @@
+#include "app/gateway_web_view.h"
+
+#include <gmodule.h>
+
+#include <string_view>
+
+#include "app/build_config.h"
+#include "app/navigation_policy.h"
+#include "app/rendering_mode.h"
+
+namespace qor {
+namespace {
+
+constexpr std::string_view loadFailedText = "Sidecar UI failed to load: ";
+
+std::string requestURL(WebKitNavigationAction* action) {
+  WebKitURIRequest* request = webkit_navigation_action_get_request(action);
+  const char* uri = request ? webkit_uri_request_get_uri(request) : nullptr;
+  return uri ? uri : "";
+}
+
+const char* editingCommand(std::string_view action) {
+  if (action == "undo") return WEBKIT_EDITING_COMMAND_UNDO;
+  if (action == "redo") return WEBKIT_EDITING_COMMAND_REDO;
+  if (action == "cut") return WEBKIT_EDITING_COMMAND_CUT;
+  if (action == "copy") return WEBKIT_EDITING_COMMAND_COPY;
+  if (action == "paste") return WEBKIT_EDITING_COMMAND_PASTE;
+  return WEBKIT_EDITING_COMMAND_SELECT_ALL;
+}
+
+void chooseWebViewRendering(WebKitWebView* view) {
+  if (!softwareRendering()) return;
+  webkit_settings_set_hardware_acceleration_policy(webkit_web_view_get_settings(view),
+                                                   WEBKIT_HARDWARE_ACCELERATION_POLICY_NEVER);
+  g_object_set(gtk_settings_get_default(), "gtk-overlay-scrolling", false, nullptr);
+}
+
+}  // namespace
+
+// The blank page starts the engine's page process while the gateway boots; the
+// gateway's page then loads in it without a process start of its own.
+GatewayWebView::GatewayWebView(Host host)
+    : host_(std::move(host)),
+      view_(GObjectPtr<WebKitWebView>::retain(WEBKIT_WEB_VIEW(webkit_web_view_new()))),
+      scriptDialogs_(host_.window) {
+  chooseWebViewRendering(view_.get());
+  webkit_settings_set_enable_developer_extras(webkit_web_view_get_settings(view_.get()), true);
+  gtk_widget_set_visible(GTK_WIDGET(view_.get()), false);
+  g_signal_connect(view_.get(), "decide-policy", G_CALLBACK(onDecidePolicy), this);
+  g_signal_connect(view_.get(), "create", G_CALLBACK(onCreate), this);
+  g_signal_connect(view_.get(), "script-dialog", G_CALLBACK(onScriptDialog), this);
+  g_signal_connect(view_.get(), "load-failed", G_CALLBACK(onLoadFailed), this);
+  webkit_web_view_load_uri(view_.get(), "about:blank");
+}
+
+// The view itself lives on in the window until the window goes.
+GatewayWebView::~GatewayWebView() {
+  g_signal_handlers_disconnect_by_data(view_.get(), this);
+}
+
+GtkWidget* GatewayWebView::widget() {
+  return GTK_WIDGET(view_.get());
+}
+
+void GatewayWebView::load(const std::string& url) {
+  GObjectPtr<WebKitURIRequest> request =
+      GObjectPtr<WebKitURIRequest>::adopt(webkit_uri_request_new(url.c_str()));
+  SoupMessageHeaders* headers = webkit_uri_request_get_http_headers(request.get());
+  soup_message_headers_replace(headers, "Cache-Control", "no-cache");
+  soup_message_headers_replace(headers, "Pragma", "no-cache");
+  webkit_web_view_load_request(view_.get(), request.get());
+  gtk_widget_set_visible(widget(), true);
+}
+
+void GatewayWebView::runEditingCommand(std::string_view action) {
+  webkit_web_view_execute_editing_command(view_.get(), editingCommand(action));
+}
+
+gboolean GatewayWebView::onDecidePolicy(WebKitWebView*, WebKitPolicyDecision* decision,
+                                        WebKitPolicyDecisionType type, gpointer self) {
+  auto* view = static_cast<GatewayWebView*>(self);
+  if (type != WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION &&
+      type != WEBKIT_POLICY_DECISION_TYPE_NEW_WINDOW_ACTION) {
+    return false;  // responses: the engine's default
+  }
+  const std::string url = requestURL(webkit_navigation_policy_decision_get_navigation_action(
+      WEBKIT_NAVIGATION_POLICY_DECISION(decision)));
+  if (type == WEBKIT_POLICY_DECISION_TYPE_NEW_WINDOW_ACTION) {
+    view->createWebViewWith(url);
+    webkit_policy_decision_ignore(decision);
+  } else if (view->decidePolicyFor(url)) {
+    webkit_policy_decision_use(decision);
+  } else {
+    webkit_policy_decision_ignore(decision);
+  }
+  return true;
+}
+
+// Script requests for a window (window.open) arrive here rather than as a
+// new-window decision. No second view is ever made.
+GtkWidget* GatewayWebView::onCreate(WebKitWebView*, WebKitNavigationAction* action, gpointer self) {
+  static_cast<GatewayWebView*>(self)->createWebViewWith(requestURL(action));
+  return nullptr;
+}
+
+gboolean GatewayWebView::onScriptDialog(WebKitWebView*, WebKitScriptDialog* dialog, gpointer self) {
+  static_cast<GatewayWebView*>(self)->scriptDialogs_.enqueue(dialog);
+  return true;
+}
+
+// The engine's own error page is never shown; a failure after the page was
+// committed is written into the (covered) boot label.
+gboolean GatewayWebView::onLoadFailed(WebKitWebView*, WebKitLoadEvent event, char*, GError* error,
+                                      gpointer self) {
+  if (event == WEBKIT_LOAD_COMMITTED) {
+    static_cast<GatewayWebView*>(self)->host_.showStatus(std::string(loadFailedText) +
+                                                         error->message);
+  }
+  return true;
+}
+
+bool GatewayWebView::decidePolicyFor(const std::string& url) {
+  switch (classifyLink(url)) {
+    case LinkTarget::qorAction:
+      handleQorAction(url);
+      return false;
+    case LinkTarget::external:
+    case LinkTarget::mail:
+      openWithDefaultHandler(url);
+      return false;
+    case LinkTarget::whatsApp:
+      openWhatsApp(url, std::nullopt);
+      return false;
+    case LinkTarget::none:
+    case LinkTarget::loopbackPage:
+    case LinkTarget::other:
+      return true;
+  }
+  return true;
+}
+
+// Like a navigation, except that what would stay in the web view (a loopback
+// page) is dropped: it opens neither there nor anywhere else.
+void GatewayWebView::createWebViewWith(const std::string& url) {
+  (void)decidePolicyFor(url);
+}
+
+// Every other path under /__qor/ is swallowed without a trace.
+void GatewayWebView::handleQorAction(const std::string& url) {
+  if (const auto request = whatsAppRequest(url)) startWhatsApp(request->phone, request->text);
+}
+
+void GatewayWebView::startWhatsApp(const std::string& phone, const std::string& text) {
+  const std::string digits = phoneDigits(phone);
+  if (whatsAppClientInstalled()) {
+    openWithDefaultHandler(whatsAppSendURL(digits, text));
+    return;
+  }
+  const auto fallback = clickToChatURL(clickToChatHost, digits, text);
+  if (!fallback) {
+    g_error("click-to-chat address for host \"%.*s\" cannot be built", int(clickToChatHost.size()),
+            clickToChatHost.data());
+  }
+  openWithDefaultHandler(*fallback);
+}
+
+// Asked afresh every time: a client may be installed while the shell runs.
+bool GatewayWebView::whatsAppClientInstalled() {
+  GObjectPtr<GAppInfo> handler =
+      GObjectPtr<GAppInfo>::adopt(g_app_info_get_default_for_uri_scheme("whatsapp"));
+  return bool(handler);
+}
+
+void GatewayWebView::openWhatsApp(const std::string& url,
+                                  const std::optional<std::string>& fallback) {
+  if (whatsAppClientInstalled()) {
+    openWithDefaultHandler(url);
+  } else if (fallback) {
+    openWithDefaultHandler(*fallback);
+  }
+}
+
+// Whether a handler took the URL is not reported anywhere.
+void GatewayWebView::openWithDefaultHandler(const std::string& url) {
+  GObjectPtr<GdkAppLaunchContext> context = GObjectPtr<GdkAppLaunchContext>::adopt(
+      gdk_display_get_app_launch_context(gdk_display_get_default()));
+  g_app_info_launch_default_for_uri(url.c_str(), G_APP_LAUNCH_CONTEXT(context.get()), nullptr);
+}
+
+}  // namespace qor
+
+// The module's entry point (see web_content.h).
+extern "C" G_MODULE_EXPORT qor::WebContent* qorCreateWebContent(const qor::WebContent::Host& host) {
+  return new qor::GatewayWebView(host);
+}

@@ -1,0 +1,53 @@
+// GatewayWebView: the web view showing the gateway's page. It decides where
+// the page's navigations go (loopback pages stay, other links go to the
+// desktop's handlers), carries out the gateway's action links and answers the
+// page's script dialogs. Built into the web engine's module.
+//
+// Threads: the UI thread.
+#pragma once
+
+#include <webkit/webkit.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "app/gobject_ptr.h"
+#include "app/script_dialog_queue.h"
+#include "app/web_content.h"
+
+namespace qor {
+
+class GatewayWebView : public WebContent {
+ public:
+  explicit GatewayWebView(Host host);
+  ~GatewayWebView() override;
+  GatewayWebView(const GatewayWebView&) = delete;
+  GatewayWebView& operator=(const GatewayWebView&) = delete;
+
+  GtkWidget* widget() override;
+  void load(const std::string& url) override;
+  void runEditingCommand(std::string_view action) override;
+
+ private:
+  static gboolean onDecidePolicy(WebKitWebView* view, WebKitPolicyDecision* decision,
+                                 WebKitPolicyDecisionType type, gpointer self);
+  static GtkWidget* onCreate(WebKitWebView* view, WebKitNavigationAction* action, gpointer self);
+  static gboolean onScriptDialog(WebKitWebView* view, WebKitScriptDialog* dialog, gpointer self);
+  static gboolean onLoadFailed(WebKitWebView* view, WebKitLoadEvent event, char* uri, GError* error,
+                               gpointer self);
+
+  bool decidePolicyFor(const std::string& url);  // true: stay in the web view
+  void createWebViewWith(const std::string& url);
+  static void handleQorAction(const std::string& url);
+  static void startWhatsApp(const std::string& phone, const std::string& text);
+  static bool whatsAppClientInstalled();
+  static void openWhatsApp(const std::string& url, const std::optional<std::string>& fallback);
+  static void openWithDefaultHandler(const std::string& url);
+
+  const Host host_;
+  GObjectPtr<WebKitWebView> view_;
+  ScriptDialogQueue scriptDialogs_;
+};
+
+}  // namespace qor
