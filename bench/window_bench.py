@@ -64,13 +64,12 @@ def sleep_until(moment):
     time.sleep(max(0.0, moment - time.time()))
 
 
-def shell_run(bundle, watch, extra_env=None, idle=True):
+def shell_run(bundle, watch):
     """One start of the staged shell with the beacon gateway: seconds to the boot screen and to
     the page's script, PSS of its tree and of its gateway, and CPU seconds while idle."""
     wait_until(lambda: benchlib.port_free(SHELL_PORT), 60, "port 8088 to be free", pause=0.5)
     run = Run(QOR_DEV="1", QOR_PYTHON="/usr/bin/python3", QOR_SIDECAR_DIR=benchlib.GATEWAY_DIR,
-              QOR_BENCH_VERSION=benchlib.bundle_file(bundle, "QOR_RUNTIME_VERSION"),
-              **(extra_env or {}))
+              QOR_BENCH_VERSION=benchlib.bundle_file(bundle, "QOR_RUNTIME_VERSION"))
     try:
         started = time.time()
         shell = run.start([os.path.join(bundle, "bin", "qor-velmora")])
@@ -81,12 +80,11 @@ def shell_run(bundle, watch, extra_env=None, idle=True):
         tree = set(process_tree(shell.pid))
         gateway = gateway_pids(tree)
         result["pss"], result["gateway_pss"] = pss_mib(tree - gateway), pss_mib(gateway)
-        if idle:
-            sleep_until(loaded + IDLE_FROM)
-            before = benchlib.cpu_seconds(tree - gateway)
-            sleep_until(loaded + IDLE_FROM + IDLE_FOR)
-            after = benchlib.cpu_seconds(set(process_tree(shell.pid)) - gateway)
-            result["idle_cpu"] = sum(t - before.get(pid, 0) for pid, t in after.items())
+        sleep_until(loaded + IDLE_FROM)
+        before = benchlib.cpu_seconds(tree - gateway)
+        sleep_until(loaded + IDLE_FROM + IDLE_FOR)
+        after = benchlib.cpu_seconds(set(process_tree(shell.pid)) - gateway)
+        result["idle_cpu"] = sum(t - before.get(pid, 0) for pid, t in after.items())
         shell.terminate()  # the shell stops its gateway on the way out
         shell.wait(timeout=20)
         return result
