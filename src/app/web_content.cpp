@@ -1,6 +1,7 @@
+#include "app/web_content.h"
+
 #include <gmodule.h>
 
-#include "app/web_content.h"
 #include "base/bundle.h"
 
 namespace qor {
