@@ -89,6 +89,35 @@ std::string encodedQueryItem(std::string_view name, std::string_view value) {
   return std::string(encodedName.get()) + "=" + encodedValue.get();
 }
 
+// The host as the web engine reads it: the authority runs to the first "/",
+// "?", "#" or "\\" (GLib's relaxed parser also ends it at ";" and the like,
+// so "http://localhost;.evil.example/" would read as "localhost"); the user
+// information ends at the last "@", and a port is digits after the last ":".
+// The web engine hands over canonical URLs, so a host in any other spelling
+// is not one of the loopback names. None when there is no host.
+std::optional<std::string> authorityHost(std::string_view url) {
+  const auto start = url.find("://");
+  if (start == std::string_view::npos) return std::nullopt;
+  std::string_view authority = url.substr(start + 3);
+  authority = authority.substr(0, authority.find_first_of("/?#\\"));
+  if (const auto at = authority.rfind('@'); at != std::string_view::npos) {
+    authority.remove_prefix(at + 1);
+  }
+  std::string_view host = authority;
+  const auto portColon = authority.rfind(':');
+  const bool bracketed = authority.starts_with('[');
+  if (portColon != std::string_view::npos && (!bracketed || authority[portColon - 1] == ']')) {
+    const auto port = authority.substr(portColon + 1);
+    if (port.find_first_not_of("0123456789") != std::string_view::npos) {
+      return std::string(authority);  // a ":" that no host holds
+    }
+    host = authority.substr(0, portColon);
+  }
+  if (bracketed && host.ends_with(']')) host = host.substr(1, host.size() - 2);
+  if (host.empty()) return std::nullopt;
+  return std::string(host);
+}
+
 }  // namespace
 
 bool isLoopbackHost(std::optional<std::string_view> host) {
@@ -104,12 +133,9 @@ LinkTarget classifyLink(std::string_view url) {
   const std::string_view scheme = peeked ? peeked : "";
 
   if (scheme == "http" || scheme == "https") {
+    const auto host = authorityHost(url);
     GUriPtr uri = parse(url);
-    std::optional<std::string_view> host;
-    if (uri && g_uri_get_host(uri.get()) && *g_uri_get_host(uri.get())) {
-      host = g_uri_get_host(uri.get());
-    }
-    if (!isLoopbackHost(host)) return LinkTarget::external;
+    if (!uri || !isLoopbackHost(host)) return LinkTarget::external;
     const std::string path = decodedPath(uri.get());
     if (path == whatsAppActionPath || path.starts_with(actionPrefix)) return LinkTarget::qorAction;
     return LinkTarget::loopbackPage;
