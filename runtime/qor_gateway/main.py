@@ -49,8 +49,12 @@ def main(argv=None) -> int:
         notes = NoteStore(data_dir)
     except OSError as error:
         return fail(f"cannot use the data folder {data_dir}: {error.strerror}")
+    token = os.environ.get("QOR_GATEWAY_TOKEN") or None
+    if token is None:
+        print("qor_gateway: QOR_GATEWAY_TOKEN is not set, so no request can prove it comes from "
+              "the user's QOR Velmora window; serving only /healthz", flush=True)
     gateway = Gateway(version=runtime_version(Path.cwd()), port=args.port,
-                      litellm_port=args.litellm_port, data_dir=data_dir, notes=notes)
+                      litellm_port=args.litellm_port, data_dir=data_dir, notes=notes, token=token)
     try:
         server = GatewayServer(gateway)
     except OSError as error:

@@ -1,12 +1,22 @@
 """The gateway's HTTP server: readiness probe, web UI and the notes API, on loopback only."""
 
+import errno
+import hmac
 import json
 import os
+import re
+import selectors
+import socket
+import socketserver
 import sys
+import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass, field
-from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
+from http.cookies import CookieError, SimpleCookie
+from http.server import BaseHTTPRequestHandler
 from pathlib import Path
+from typing import Optional
 from urllib.parse import urlsplit
 
 from .errors import ApiError
@@ -21,6 +31,17 @@ LOOPBACK_HOSTS = {"127.0.0.1", "localhost", "::1"}
 # The page loads nothing from anywhere; it only talks back to this gateway.
 PAGE_POLICY = ("default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; "
                "connect-src 'self'")
+# The shell's per-run secret arrives in this cookie; without it only /healthz answers.
+TOKEN_COOKIE = "qor_token"
+REFUSED_PAGE = ("<!doctype html><meta charset=utf-8><title>403</title>"
+                "<p>此服务只为启动它的 QOR Velmora 窗口提供。</p>\n").encode("utf-8")
+CONTENT_LENGTH = re.compile(r"[0-9]{1,12}")
+WORKERS = 16  # requests served at once; more wait their turn
+LISTEN_BACKLOG = 128
+# A client has this long to send its request once connected, and each read or write of a request
+# gets as long again; an idle or stalled connection is closed after that.
+CONNECTION_TIMEOUT = 10.0
+OUT_OF_DESCRIPTORS_PAUSE = 0.1  # seconds without accepting when the process has no file left
 
 
 @dataclass
@@ -32,7 +53,19 @@ class Gateway:
     litellm_port: int
     data_dir: Path
     notes: NoteStore
+    token: Optional[str] = None  # None: serve only /healthz
     started: float = field(default_factory=time.monotonic)
+
+    def admits(self, cookie_header: Optional[str]) -> bool:
+        """Whether a request carrying these cookies comes from the shell that started us."""
+        if self.token is None or not cookie_header:
+            return False
+        try:
+            morsel = SimpleCookie(cookie_header).get(TOKEN_COOKIE)
+        except CookieError:
+            return False
+        return morsel is not None and hmac.compare_digest(morsel.value.encode(),
+                                                          self.token.encode())
 
     def health(self) -> dict:
         return {
@@ -46,16 +79,94 @@ class Gateway:
         }
 
 
-class GatewayServer(ThreadingHTTPServer):
-    daemon_threads = True  # a request still running must not hold up the exit
+class GatewayServer(socketserver.TCPServer):
+    """Serves each connection on a bounded pool of workers, once its request has begun to arrive.
+
+    Connections that have sent nothing yet wait in one selector on a thread of their own, so idle
+    clients cost no worker and no thread, and are closed after CONNECTION_TIMEOUT.
+    """
+
+    allow_reuse_address = True
+    request_queue_size = LISTEN_BACKLOG
 
     def __init__(self, gateway: Gateway):
         self.gateway = gateway
+        self._workers = ThreadPoolExecutor(max_workers=WORKERS, thread_name_prefix="request")
+        self._waiting = selectors.DefaultSelector()
+        self._waiting_lock = threading.Lock()
+        self._wake_reader, self._wake_writer = socket.socketpair()
+        self._wake_writer.setblocking(False)
+        self._waiting.register(self._wake_reader, selectors.EVENT_READ)
+        self._closing = False
         super().__init__(("127.0.0.1", gateway.port), GatewayHandler)
+        self._doorman = threading.Thread(target=self._watch_waiting, name="doorman", daemon=True)
+        self._doorman.start()
+
+    def get_request(self):
+        try:
+            return super().get_request()
+        except OSError as error:
+            if error.errno in (errno.EMFILE, errno.ENFILE, errno.ENOBUFS, errno.ENOMEM):
+                # The pending connection stays in the backlog; trying again at once would spin.
+                time.sleep(OUT_OF_DESCRIPTORS_PAUSE)
+            raise
+
+    def process_request(self, request, client_address):
+        request.setblocking(False)
+        with self._waiting_lock:
+            self._waiting.register(request, selectors.EVENT_READ,
+                                   (client_address, time.monotonic() + CONNECTION_TIMEOUT))
+        self._wake()
+
+    def _wake(self):
+        try:
+            self._wake_writer.send(b"!")
+        except BlockingIOError:
+            pass  # a wake-up is pending already
+
+    def _watch_waiting(self):
+        while not self._closing:
+            events = self._waiting.select(timeout=1.0)
+            now = time.monotonic()
+            with self._waiting_lock:
+                ready = [key for key, _ in events if key.fileobj is not self._wake_reader]
+                if any(key.fileobj is self._wake_reader for key, _ in events):
+                    self._wake_reader.recv(4096)
+                expired = [key for key in self._waiting.get_map().values()
+                           if key.data is not None and key.data[1] <= now and key not in ready]
+                for key in ready + expired:
+                    self._waiting.unregister(key.fileobj)
+            for key in expired:
+                self.shutdown_request(key.fileobj)
+            for key in ready:
+                key.fileobj.setblocking(True)
+                self._workers.submit(self.process_request_thread, key.fileobj, key.data[0])
+
+    def process_request_thread(self, request, client_address):
+        try:
+            self.finish_request(request, client_address)
+        except Exception:
+            self.handle_error(request, client_address)
+        finally:
+            self.shutdown_request(request)
+
+    def server_close(self):
+        self._closing = True
+        self._wake()
+        self._doorman.join()
+        super().server_close()
+        with self._waiting_lock:
+            for key in list(self._waiting.get_map().values()):
+                key.fileobj.close()
+            self._waiting.close()
+        self._wake_writer.close()
+        # Requests still running must not hold up the exit.
+        self._workers.shutdown(wait=False, cancel_futures=True)
 
 
 class GatewayHandler(BaseHTTPRequestHandler):
     server_version = "qor-gateway"
+    timeout = CONNECTION_TIMEOUT
 
     def do_GET(self):
         self._dispatch()
@@ -65,7 +176,12 @@ class GatewayHandler(BaseHTTPRequestHandler):
     def _dispatch(self):
         try:
             self._check_host()
-            methods, args = self._route(urlsplit(self.path).path)
+            path = urlsplit(self.path).path
+            if not (self.command == "GET" and path == "/healthz") and \
+                    not self.server.gateway.admits(self.headers.get("Cookie")):
+                self._send(403, REFUSED_PAGE, "text/html; charset=utf-8")
+                return
+            methods, args = self._route(path)
             action = methods.get(self.command)
             if action is None:
                 raise ApiError(405, "method_not_allowed", f"不支持 {self.command} 请求")
@@ -116,9 +232,14 @@ class GatewayHandler(BaseHTTPRequestHandler):
         self._send(204, b"")
 
     def _read_json(self):
-        length = self.headers.get("Content-Length", "")
-        if not length.isdigit():
-            raise ApiError(411, "length_required", "缺少有效的 Content-Length")
+        lengths = self.headers.get_all("Content-Length", [])
+        if not lengths:
+            raise ApiError(411, "length_required", "缺少 Content-Length")
+        length = lengths[0].strip()
+        if len(set(lengths)) != 1 or not CONTENT_LENGTH.fullmatch(length):
+            # The body cannot be told from the next request: answer, then close.
+            self.close_connection = True
+            raise ApiError(400, "invalid_content_length", "Content-Length 无效")
         if int(length) > MAX_BODY_BYTES:
             raise ApiError(413, "body_too_large", f"请求体不能超过 {MAX_BODY_BYTES} 字节")
         # Read before any other refusal: closing on unread bytes would reset the connection
@@ -127,7 +248,10 @@ class GatewayHandler(BaseHTTPRequestHandler):
         if self.headers.get_content_type() != "application/json":
             raise ApiError(415, "unsupported_media_type", "请以 application/json 格式提交")
         try:
-            return json.loads(raw.decode("utf-8"))
+            payload = json.loads(raw.decode("utf-8"))
+            # "\ud800" parses, but names no character: nothing could store or show it.
+            json.dumps(payload, ensure_ascii=False).encode("utf-8")
+            return payload
         except (ValueError, RecursionError):
             raise ApiError(400, "invalid_json", "请求体不是有效的 UTF-8 JSON") from None
 

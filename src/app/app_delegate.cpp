@@ -8,6 +8,7 @@
 #include "app/main_menu.h"
 #include "app/product_name.h"
 #include "base/bundle.h"
+#include "base/files.h"
 
 namespace qor {
 namespace {
@@ -167,6 +168,7 @@ void AppDelegate::installActions() {
   const GActionEntry applicationActions[] = {
       {"about", onAbout, nullptr, nullptr, nullptr, {}},
       {"check-for-updates", onCheckForUpdates, nullptr, nullptr, nullptr, {}},
+      {"show-logs", onShowLogs, nullptr, nullptr, nullptr, {}},
       {"hide", onHide, nullptr, nullptr, nullptr, {}},
       {"hide-others", nullptr, nullptr, nullptr, nullptr, {}},
       {"unhide-all", nullptr, nullptr, nullptr, nullptr, {}},
@@ -200,7 +202,7 @@ void AppDelegate::showStatus(const std::string& text) {
 }
 
 void AppDelegate::loadGateway(const std::string& url) {
-  if (web_) web_->load(url);
+  if (web_) web_->load(url, sidecar_->gatewayToken());
 }
 
 void AppDelegate::onAbout(GSimpleAction*, GVariant*, gpointer self) {
@@ -218,6 +220,21 @@ void AppDelegate::onHide(GSimpleAction*, GVariant*, gpointer self) {
 
 void AppDelegate::onCheckForUpdates(GSimpleAction*, GVariant*, gpointer self) {
   static_cast<AppDelegate*>(self)->updater_->checkForUpdates();
+}
+
+// The folder is made first, so there is something to show before the first
+// line was ever written.
+void AppDelegate::onShowLogs(GSimpleAction*, GVariant*, gpointer self) {
+  const auto folder = static_cast<AppDelegate*>(self)->sidecar_->logFolder();
+  if (const auto made = makePrivateFolder(folder); !made) {
+    g_printerr("%s\n", made.error().description.c_str());
+    return;
+  }
+  GObjectPtr<GFile> file = GObjectPtr<GFile>::adopt(g_file_new_for_path(folder.c_str()));
+  GCharPtr uri = GCharPtr::adopt(g_file_get_uri(file.get()));
+  GObjectPtr<GdkAppLaunchContext> context = GObjectPtr<GdkAppLaunchContext>::adopt(
+      gdk_display_get_app_launch_context(gdk_display_get_default()));
+  g_app_info_launch_default_for_uri(uri.get(), G_APP_LAUNCH_CONTEXT(context.get()), nullptr);
 }
 
 void AppDelegate::onQuit(GSimpleAction*, GVariant*, gpointer self) {

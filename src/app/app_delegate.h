@@ -43,6 +43,7 @@ class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
   static void onAbout(GSimpleAction*, GVariant*, gpointer self);
   static void onHide(GSimpleAction*, GVariant*, gpointer self);
   static void onCheckForUpdates(GSimpleAction*, GVariant*, gpointer self);
+  static void onShowLogs(GSimpleAction*, GVariant*, gpointer self);
   static void onQuit(GSimpleAction*, GVariant*, gpointer self);
   static void onEditingCommand(GSimpleAction* action, GVariant*, gpointer self);
   static void onMinimize(GSimpleAction*, GVariant*, gpointer self);

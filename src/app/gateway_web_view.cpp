@@ -2,6 +2,7 @@
 
 #include <gmodule.h>
 
+#include <memory>
 #include <string_view>
 
 #include "app/build_config.h"
@@ -12,6 +13,8 @@ namespace qor {
 namespace {
 
 constexpr std::string_view loadFailedText = "Sidecar UI failed to load: ";
+constexpr const char* tokenCookieName = "qor_token";
+constexpr const char* gatewayHost = "127.0.0.1";
 
 std::string requestURL(WebKitNavigationAction* action) {
   WebKitURIRequest* request = webkit_navigation_action_get_request(action);
@@ -33,6 +36,34 @@ void chooseWebViewRendering(WebKitWebView* view) {
   webkit_settings_set_hardware_acceleration_policy(webkit_web_view_get_settings(view),
                                                    WEBKIT_HARDWARE_ACCELERATION_POLICY_NEVER);
   g_object_set(gtk_settings_get_default(), "gtk-overlay-scrolling", false, nullptr);
+}
+
+// Never from a cache: the page must come from the gateway that runs now.
+void loadFresh(WebKitWebView* view, const std::string& url) {
+  GObjectPtr<WebKitURIRequest> request =
+      GObjectPtr<WebKitURIRequest>::adopt(webkit_uri_request_new(url.c_str()));
+  SoupMessageHeaders* headers = webkit_uri_request_get_http_headers(request.get());
+  soup_message_headers_replace(headers, "Cache-Control", "no-cache");
+  soup_message_headers_replace(headers, "Pragma", "no-cache");
+  webkit_web_view_load_request(view, request.get());
+  gtk_widget_set_visible(GTK_WIDGET(view), true);
+}
+
+struct PendingLoad {
+  GObjectPtr<WebKitWebView> view;
+  std::string url;
+};
+
+// The page loads once the cookie is in place; without it the gateway answers
+// with its refusal page, which says what is wrong.
+void onTokenCookieAdded(GObject* manager, GAsyncResult* result, gpointer data) {
+  const std::unique_ptr<PendingLoad> pending(static_cast<PendingLoad*>(data));
+  GError* error = nullptr;
+  if (!webkit_cookie_manager_add_cookie_finish(WEBKIT_COOKIE_MANAGER(manager), result, &error)) {
+    g_warning("the gateway's cookie could not be set: %s", error->message);
+    g_error_free(error);
+  }
+  loadFresh(pending->view.get(), pending->url);
 }
 
 }  // namespace
@@ -62,14 +93,18 @@ GtkWidget* GatewayWebView::widget() {
   return GTK_WIDGET(view_.get());
 }
 
-void GatewayWebView::load(const std::string& url) {
-  GObjectPtr<WebKitURIRequest> request =
-      GObjectPtr<WebKitURIRequest>::adopt(webkit_uri_request_new(url.c_str()));
-  SoupMessageHeaders* headers = webkit_uri_request_get_http_headers(request.get());
-  soup_message_headers_replace(headers, "Cache-Control", "no-cache");
-  soup_message_headers_replace(headers, "Pragma", "no-cache");
-  webkit_web_view_load_request(view_.get(), request.get());
-  gtk_widget_set_visible(widget(), true);
+// A session cookie for the gateway's host only, out of reach of the page's
+// scripts and of requests started by other sites.
+void GatewayWebView::load(const std::string& url, const std::string& gatewayToken) {
+  SoupCookie* cookie = soup_cookie_new(tokenCookieName, gatewayToken.c_str(), gatewayHost, "/", -1);
+  soup_cookie_set_http_only(cookie, true);
+  soup_cookie_set_same_site_policy(cookie, SOUP_SAME_SITE_POLICY_STRICT);
+  WebKitCookieManager* cookies =
+      webkit_network_session_get_cookie_manager(webkit_web_view_get_network_session(view_.get()));
+  webkit_cookie_manager_add_cookie(
+      cookies, cookie, nullptr, onTokenCookieAdded,
+      new PendingLoad{GObjectPtr<WebKitWebView>::retain(view_.get()), url});
+  soup_cookie_free(cookie);
 }
 
 void GatewayWebView::runEditingCommand(std::string_view action) {

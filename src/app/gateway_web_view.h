@@ -26,7 +26,7 @@ class GatewayWebView : public WebContent {
   GatewayWebView& operator=(const GatewayWebView&) = delete;
 
   GtkWidget* widget() override;
-  void load(const std::string& url) override;
+  void load(const std::string& url, const std::string& gatewayToken) override;
   void runEditingCommand(std::string_view action) override;
 
  private:

@@ -22,6 +22,7 @@ constexpr MenuItem applicationMenu[] = {
     {"关于 QOR Velmora", "app.about"},
     separator,
     {"检查更新…", "app.check-for-updates"},
+    {"打开日志文件夹", "app.show-logs"},
     separator,
     {"隐藏 QOR Velmora", "app.hide", "<Primary>h"},
     {"隐藏其他", "app.hide-others", "<Alt><Primary>h"},

@@ -29,7 +29,9 @@ class WebContent {
   // The web view, hidden until `load`.
   virtual GtkWidget* widget() = 0;
   // Loads the page from the gateway itself, never from a cache, and shows it.
-  virtual void load(const std::string& url) = 0;
+  // The gateway's secret goes along as the cookie "qor_token", set before the
+  // page is asked for, so the address stays the plain gateway address.
+  virtual void load(const std::string& url, const std::string& gatewayToken) = 0;
   // One of the window's editing actions: "undo", "redo", "cut", "copy",
   // "paste", "select-all".
   virtual void runEditingCommand(std::string_view action) = 0;

@@ -37,7 +37,7 @@ Result<> writeFileAtomically(const std::filesystem::path& path, std::string_view
     data += written;
     left -= static_cast<size_t>(written);
   }
-  fchmod(fd, 0644);
+  fchmod(fd, S_IRUSR | S_IWUSR);
   int err = fsync(fd) == 0 ? 0 : errno;
   if (close(fd) != 0 && err == 0) err = errno;
   if (err == 0 && rename(temporary.c_str(), path.c_str()) != 0) err = errno;
@@ -45,6 +45,14 @@ Result<> writeFileAtomically(const std::filesystem::path& path, std::string_view
     unlink(temporary.c_str());
     return systemError(err, "cannot write " + path.string());
   }
+  return {};
+}
+
+Result<> makePrivateFolder(const std::filesystem::path& path) {
+  std::error_code ec;
+  std::filesystem::create_directories(path, ec);
+  if (!ec) std::filesystem::permissions(path, std::filesystem::perms::owner_all, ec);
+  if (ec) return systemError(ec, "cannot create " + path.string());
   return {};
 }
 

@@ -1,4 +1,5 @@
-// File helpers: whole-file reads and crash-safe writes.
+// File helpers: whole-file reads, crash-safe writes and private folders.
+// Everything written here is readable by the user only, whatever the umask.
 #pragma once
 
 #include <filesystem>
@@ -16,5 +17,13 @@ std::optional<std::string> readTextFile(const std::filesystem::path& path);
 // Writes through a temporary file in the same folder and renames it into
 // place, so readers never see a half-written file.
 Result<> writeFileAtomically(const std::filesystem::path& path, std::string_view contents);
+
+// Creates the folder with any missing parents and makes it the user's alone
+// (0700), also when it existed already.
+Result<> makePrivateFolder(const std::filesystem::path& path);
+
+// Mode 0600 for a file the application writes.
+constexpr std::filesystem::perms privateFileMode =
+    std::filesystem::perms::owner_read | std::filesystem::perms::owner_write;
 
 }  // namespace qor

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <vector>
 
+#include "base/files.h"
 #include "sidecar/sidecar_manager.h"
 
 namespace qor {
@@ -58,7 +59,7 @@ void SidecarManager::backupDataBeforeUpgrade(const std::string& fromVersion) {
   std::error_code ec;
   if (!std::filesystem::exists(std::filesystem::symlink_status(data, ec))) return;
   const auto backups = runtimeRoot("data-backups");
-  std::filesystem::create_directories(backups, ec);
+  (void)makePrivateFolder(backups);
 
   // Written under a hidden name and renamed when complete, so a failed run
   // leaves no half-written archive among the backups.
@@ -71,6 +72,7 @@ void SidecarManager::backupDataBeforeUpgrade(const std::string& fromVersion) {
       .workingDirectory = productFolder(),
   });
   if (zipped && *zipped == 0) {
+    std::filesystem::permissions(partial, privateFileMode, ec);
     std::filesystem::rename(partial, backups / name, ec);
   } else {
     std::filesystem::remove(partial, ec);

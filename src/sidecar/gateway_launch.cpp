@@ -33,6 +33,7 @@ Result<> SidecarManager::launchGateway() {
   environment.set("QOR_DATA_DIR", dataPath);
   environment.set("NO_PROXY", "127.0.0.1,localhost");
   environment.set("no_proxy", "127.0.0.1,localhost");
+  environment.set("QOR_GATEWAY_TOKEN", gatewayToken_);
 
   LaunchOptions options{
       .executable = *python,

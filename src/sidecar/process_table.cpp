@@ -1,5 +1,7 @@
 #include "sidecar/process_table.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <charconv>
 #include <filesystem>
@@ -16,13 +18,17 @@ namespace {
 
 constexpr std::string_view listenState = "0A";
 
-// Socket links ("socket:[inode]") of the listening sockets on `ports`, with
-// their port.
-using ListeningSockets = std::map<std::string, int>;
+struct ListeningSocket {
+  int port;
+  uid_t owner;  // the account that opened it
+};
+
+// Socket links ("socket:[inode]") of the listening sockets on `ports`.
+using ListeningSockets = std::map<std::string, ListeningSocket>;
 
 // The listening sockets on `ports` from one of /proc/net/tcp and tcp6, whose
 // rows read "sl local_address rem_address st ... uid timeout inode".
-ListeningSockets listeningSockets(const char* table, const std::vector<int>& ports) {
+ListeningSockets socketTable(const char* table, const std::vector<int>& ports) {
   ListeningSockets sockets;
   std::ifstream in(table);
   std::string line;
@@ -37,10 +43,13 @@ ListeningSockets listeningSockets(const char* table, const std::vector<int>& por
     const auto colon = local.rfind(':');
     if (colon == std::string::npos || state != listenState || inode == "0") continue;
     int localPort = 0;
+    uid_t owner = 0;
     const auto hex = std::string_view(local).substr(colon + 1);
     const auto parsed = std::from_chars(hex.data(), hex.data() + hex.size(), localPort, 16);
-    if (parsed.ec == std::errc() && std::ranges::find(ports, localPort) != ports.end()) {
-      sockets.emplace("socket:[" + inode + "]", localPort);
+    const auto parsedOwner = std::from_chars(uid.data(), uid.data() + uid.size(), owner);
+    if (parsed.ec == std::errc() && parsedOwner.ec == std::errc() &&
+        std::ranges::find(ports, localPort) != ports.end()) {
+      sockets.emplace("socket:[" + inode + "]", ListeningSocket{localPort, owner});
     }
   }
   return sockets;
@@ -64,20 +73,25 @@ void collectHolder(pid_t pid, const ListeningSockets& sockets,
     const auto target = std::filesystem::read_symlink(it->path(), linkError);
     if (linkError) continue;
     if (const auto socket = sockets.find(target.string()); socket != sockets.end()) {
-      holders[socket->second].insert(pid);
+      holders[socket->second.port].insert(pid);
     }
   }
+}
+
+// Each read of either table walks the kernel's whole connection hash, a
+// couple of milliseconds on a machine with much memory; the two walks run
+// side by side.
+ListeningSockets listeningSockets(const std::vector<int>& ports) {
+  auto version6 = std::async(std::launch::async, socketTable, "/proc/net/tcp6", ports);
+  ListeningSockets sockets = socketTable("/proc/net/tcp", ports);
+  sockets.merge(version6.get());
+  return sockets;
 }
 
 }  // namespace
 
 std::map<int, std::vector<pid_t>> listenersOn(const std::vector<int>& ports) {
-  // Each read of either table walks the kernel's whole connection hash, a
-  // couple of milliseconds on a machine with much memory; the two walks run
-  // side by side.
-  auto version6 = std::async(std::launch::async, listeningSockets, "/proc/net/tcp6", ports);
-  ListeningSockets sockets = listeningSockets("/proc/net/tcp", ports);
-  sockets.merge(version6.get());
+  const ListeningSockets sockets = listeningSockets(ports);
   if (sockets.empty()) return {};
 
   std::map<int, std::set<pid_t>> holders;
@@ -91,6 +105,12 @@ std::map<int, std::vector<pid_t>> listenersOn(const std::vector<int>& ports) {
   std::map<int, std::vector<pid_t>> listeners;
   for (const auto& [port, pids] : holders) listeners[port].assign(pids.begin(), pids.end());
   return listeners;
+}
+
+bool listenedOnByAnotherUser(int port) {
+  const uid_t self = geteuid();
+  return std::ranges::any_of(listeningSockets({port}),
+                             [self](const auto& socket) { return socket.second.owner != self; });
 }
 
 std::optional<std::string> processCommand(pid_t pid) {

@@ -17,6 +17,11 @@ namespace qor {
 // every read walks the kernel's whole connection table.
 std::map<int, std::vector<pid_t>> listenersOn(const std::vector<int>& ports);
 
+// Whether a TCP socket listening on `port` was opened by another account than
+// this process's. The socket tables name each socket's owner, so this holds
+// also where the other account's processes cannot be looked into.
+bool listenedOnByAnotherUser(int port);
+
 // The process's arguments joined by single spaces and trimmed (empty for a
 // kernel thread or a zombie); nothing when there is no such process.
 std::optional<std::string> processCommand(pid_t pid);

@@ -33,6 +33,7 @@ void SidecarManager::pollUntilReady(ScaledClock::TimePoint startTime) {
   while (clock_.since(startTime).count() < deadline) {
     if (stopping_) return;
     if (httpOK(healthURL)) {
+      if (refuseForeignGateway()) return;
       const auto version = healthzVersion(healthURL);
       const auto shipped = bundledVersion();
       if (version == shipped || mismatchRetries == mismatchRetriesAllowed) {

@@ -3,7 +3,10 @@
 #include <thread>
 
 #include "base/bundle.h"
+#include "base/files.h"
 #include "base/user_data.h"
+#include "sidecar/diagnostic_log.h"
+#include "sidecar/gateway_token.h"
 #include "sidecar/stale_sidecar_reaper.h"
 
 namespace qor {
@@ -14,7 +17,10 @@ constexpr ScaledClock::Seconds stopGrace{1.2};
 SidecarManager::Settings withDefaults(SidecarManager::Settings settings) {
   if (settings.supportDirectory.empty()) settings.supportDirectory = userDataDirectory();
   if (settings.resourceDirectory.empty()) settings.resourceDirectory = bundleResourceDirectory();
-  if (!settings.diagnostics) settings.diagnostics = writeToStandardError;
+  if (!settings.diagnostics) {
+    settings.diagnostics =
+        logAndStandardError(settings.supportDirectory / productFolderName / logFolderName);
+  }
   return settings;
 }
 
@@ -26,7 +32,8 @@ SidecarManager::SidecarManager(std::shared_ptr<MainThreadQueue> mainThread)
 SidecarManager::SidecarManager(std::shared_ptr<MainThreadQueue> mainThread, Settings settings)
     : mainThread_(std::move(mainThread)),
       settings_(withDefaults(std::move(settings))),
-      clock_(settings_.clockSpeed) {}
+      clock_(settings_.clockSpeed),
+      gatewayToken_(newGatewayToken()) {}
 
 void SidecarManager::start() {
   stopping_ = false;
@@ -40,13 +47,14 @@ void SidecarManager::runStartSequence() {
 }
 
 Result<> SidecarManager::startSteps() {
-  std::error_code ec;
-  std::filesystem::create_directories(dataDirectory(), ec);
-  if (ec) return systemError(ec, "cannot create " + dataDirectory().string());
+  // Other accounts have no business in the user's folders.
+  if (auto made = makePrivateFolder(productFolder()); !made) return made;
+  if (auto made = makePrivateFolder(dataDirectory()); !made) return made;
   if (!developerMode()) {
     if (auto prepared = prepareRuntimeIfNeeded(); !prepared) return prepared;
   }
   reapStaleSidecars();
+  if (refuseForeignGateway()) return {};
   if (auto launched = launchGateway(); !launched) return launched;
   waitForHealth();
   return {};

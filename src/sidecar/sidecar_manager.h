@@ -30,6 +30,8 @@
 
 namespace qor {
 
+inline constexpr const char* logFolderName = "logs";
+
 class SidecarManager : public std::enable_shared_from_this<SidecarManager> {
  public:
   static constexpr int gatewayPort = 8088;
@@ -47,7 +49,7 @@ class SidecarManager : public std::enable_shared_from_this<SidecarManager> {
     // The folder with the runtime archive and its version; empty: the
     // bundle's own resources.
     std::filesystem::path resourceDirectory;
-    DiagnosticSink diagnostics;  // empty: standard error
+    DiagnosticSink diagnostics;  // empty: the log in logFolder() and standard error
   };
 
   explicit SidecarManager(std::shared_ptr<MainThreadQueue> mainThread);
@@ -68,6 +70,8 @@ class SidecarManager : public std::enable_shared_from_this<SidecarManager> {
   std::atomic<std::int64_t> maxBootSeconds{45};
   std::int64_t restartAttempts() const { return restartAttempts_.load(); }
   std::shared_ptr<ChildProcess> process() const;
+  // This run's secret: the gateway refuses requests that do not carry it.
+  const std::string& gatewayToken() const { return gatewayToken_; }
 
   // Locations (nothing is created or checked here).
   std::filesystem::path productFolder() const;
@@ -76,6 +80,7 @@ class SidecarManager : public std::enable_shared_from_this<SidecarManager> {
   Result<std::filesystem::path> pythonURL() const;
   std::optional<std::string> sidecarDir() const;
   std::filesystem::path dataDirectory() const { return runtimeRoot("data"); }
+  std::filesystem::path logFolder() const { return runtimeRoot(logFolderName); }
   static bool developerMode();
   static std::string architectureName();
 
@@ -94,6 +99,9 @@ class SidecarManager : public std::enable_shared_from_this<SidecarManager> {
   std::optional<std::string> healthzVersion(const std::string& url) const;
 
   void reapStaleSidecars() const;
+  // When another account listens on the gateway port: says so on the boot
+  // screen, stops the supervisor (no relaunches) and returns true.
+  bool refuseForeignGateway();
 
  private:
   void runStartSequence();
@@ -108,6 +116,7 @@ class SidecarManager : public std::enable_shared_from_this<SidecarManager> {
   const std::shared_ptr<MainThreadQueue> mainThread_;
   const Settings settings_;
   const ScaledClock clock_;
+  const std::string gatewayToken_;
 
   std::atomic<bool> stopping_{false};
   std::atomic<std::int64_t> restartAttempts_{0};

@@ -8,7 +8,10 @@ import pyatspi
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 BUNDLE, ARTIFACTS = os.environ["QOR_E2E_BUNDLE"], os.environ["QOR_E2E_ARTIFACTS"]
-HANDLERS = {"browser": ["http", "https"], "mail": ["mailto"], "whatsapp": ["whatsapp"]}
+# The stand-in desktop handlers and the types each is the default for.
+HANDLERS = {"browser": ["x-scheme-handler/http", "x-scheme-handler/https"],
+            "mail": ["x-scheme-handler/mailto"], "whatsapp": ["x-scheme-handler/whatsapp"],
+            "folder": ["inode/directory"]}
 
 
 def wait_until(predicate, timeout, what):
@@ -62,12 +65,12 @@ class Session:  # one private home and, at a time, one running shell with its ga
         for folder in ("run", "tmp", "handlers", "home/.config", "home/.local/share/applications"):
             os.makedirs(f"{self.root}/{folder}", mode=0o700)
         defaults = []
-        for handler, schemes in HANDLERS.items():
+        for handler, types in HANDLERS.items():
             if whatsapp_client or handler != "whatsapp":
                 with open(f"{home}/.local/share/applications/e2e-{handler}.desktop", "w") as f:
                     f.write(f"[Desktop Entry]\nType=Application\nName={handler}\nExec=/usr/bin/"
                             f'python3 "{HERE}/record_url.py" "{self.root}/handlers/{handler}" %u\n')
-                defaults += [f"x-scheme-handler/{s}=e2e-{handler}.desktop" for s in schemes]
+                defaults += [f"{t}=e2e-{handler}.desktop" for t in types]
         with open(f"{home}/.config/mimeapps.list", "w") as f:
             f.write("[Default Applications]\n" + "\n".join(defaults) + "\n")
         os.makedirs(ARTIFACTS, exist_ok=True)

@@ -1,7 +1,7 @@
 """QOR Velmora installed the ways people get it, each starting the gateway its bundle ships: the
 bundle folder moved somewhere else, and the Debian package unpacked into a root of its own."""
 
-import glob, os, platform, shutil, subprocess, unittest
+import glob, os, platform, re, shutil, subprocess, unittest
 
 from harness import BUNDLE, Session, bundle_file, find_all, port_listening, states, wait_until
 
@@ -21,8 +21,10 @@ class InstallTest(unittest.TestCase):
     def run_until_page(self, s, executable):
         """Starts the shell and waits until the gateway's own page shows and its script runs."""
         s.launch(executable)
-        # The page's script asks for the notes as soon as it runs; the gateway logs each request.
-        wait_until(lambda: '"GET /api/notes' in s.output(), 90, "the gateway's page")
+        # The page's script asks for the notes as soon as it runs; the gateway logs each request,
+        # and answers only the window that carries this run's secret.
+        wait_until(lambda: re.search(r'"GET /api/notes HTTP/1\.[01]" 200 ', s.output()), 90,
+                   "the gateway's page")
         views = find_all(s.main_window(), name="WebKitWebView", max_depth=3)
         self.assertIn("visible", states(views[0]))
 

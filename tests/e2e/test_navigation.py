@@ -14,7 +14,8 @@ WITH_CLIENT = [
     ("/page/two", None, "page", "127.0.0.1:8088"),
     ("http://LOCALHOST:8088/page/three", None, "page", "localhost:8088"),
     ("http://[::1]:8088/page/four", None, "page", "[::1]:8088"),
-    *[(url, None, "browser", url) for url in (WEB, "http://127.0.0.2:8088/", FOREIGN_ACTION)],
+    *[(url, None, "browser", url) for url in (WEB, "http://127.0.0.2:8088/", FOREIGN_ACTION,
+                                              "http://localhost;.evil.example/")],
     (MAIL, None, "mail", MAIL), (WA, None, "whatsapp", WA), (ACTION, None, "whatsapp", CHAT),
     (OTHER, None, None, None),
     # New-window requests: the same, except that loopback pages are dropped.

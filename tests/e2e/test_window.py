@@ -1,6 +1,6 @@
 """The window in one session: start-up, menus, a second launch, script dialogs, load failure."""
 
-import re, subprocess, time, unittest
+import os, re, subprocess, time, unittest
 
 from harness import (Session, find_all, port_listening, press, states, texts, titles,
                      wait_until, xdotool)
@@ -9,7 +9,8 @@ BOOT = "Starting QOR Velmora…"
 STALE = ("import signal, socket, time; signal.signal(signal.SIGTERM, signal.SIG_IGN); s = "
          "socket.create_server(('127.0.0.1', 8088)); time.sleep(600)")  # ignores SIGTERM
 MENUS = {  # per item: title, shortcut, whether it is sensitive; None per separator
-    "QOR Velmora": [("关于 QOR Velmora", "", 1), None, ("检查更新…", "", 1), None,
+    "QOR Velmora": [("关于 QOR Velmora", "", 1), None, ("检查更新…", "", 1),
+                    ("打开日志文件夹", "", 1), None,
                     ("隐藏 QOR Velmora", "Ctrl+H", 1), ("隐藏其他", "Ctrl+Alt+H", 0),
                     ("全部显示", "", 0), None, ("退出 QOR Velmora", "Ctrl+Q", 1)],
     "编辑": [("撤销", "Ctrl+Z", 1), ("重做", "Shift+Ctrl+Z", 1), None, ("剪切", "Ctrl+X", 1),
@@ -67,6 +68,10 @@ class WindowTest(unittest.TestCase):
         # /healthz came first; the page was asked for once, past any cache, and is shown.
         self.assertEqual(s.requests()[0]["path"], "/healthz")
         self.assertEqual([r["cache_control"] for r in s.requests("/")], ["no-cache"])
+        # The page, and what it asks for, carry this run's secret, which its script cannot read.
+        asked = [r for r in s.events("request") if r["path"] != "/healthz"]
+        self.assertTrue(all(r["token"] for r in asked), asked)
+        self.assertEqual(s.run_script("document.cookie"), "")
         wait_until(self.webview_visible, 10, "the web view to be shown")
         s.screenshot("startup-gateway-page")
 
@@ -78,6 +83,12 @@ class WindowTest(unittest.TestCase):
             self.assertEqual(entries(menu), expected)
             xdotool("key", "Escape")
             wait_until(lambda: "expanded" not in states(menu), 5, "the menu to close")
+        # The log folder, private, opens in the file manager.
+        self.s.choose("QOR Velmora", "打开日志文件夹")
+        logs = f"{self.s.env['XDG_DATA_HOME']}/QOR Velmora/logs"
+        wait_until(lambda: self.s.handled("folder"), 10, "the file manager")
+        self.assertEqual(self.s.handled("folder"), [logs])
+        self.assertEqual(os.stat(logs).st_mode & 0o777, 0o700)
 
     def test_3_second_launch_presents_the_running_window(self):
         s, window = self.s, self.s.window_id()

@@ -6,6 +6,8 @@ Needs QOR_RUNTIME_ARCHIVE (the built archive) and QOR_RUNTIME_VERSION (its versi
 import http.client
 import json
 import os
+import resource
+import secrets
 import signal
 import socket
 import subprocess
@@ -33,16 +35,26 @@ class GatewayTest(unittest.TestCase):
                 gateway.kill()
                 gateway.communicate()
 
-    def start(self):
-        """Starts a gateway from the unpacked runtime; returns its /healthz answer."""
+    def start(self, token=True, stdout=subprocess.DEVNULL, open_files=None):
+        """Starts a gateway from the unpacked runtime; returns its /healthz answer.
+
+        token: True for a fresh secret, which call() then sends; None to start without one.
+        """
         with socket.socket() as probe:
             probe.bind(("127.0.0.1", 0))
             self.port = probe.getsockname()[1]
+        self.token = secrets.token_hex(32) if token is True else token
+        environment = {**os.environ, "PYTHONUNBUFFERED": "1"}
+        environment.pop("QOR_GATEWAY_TOKEN", None)
+        if self.token is not None:
+            environment["QOR_GATEWAY_TOKEN"] = self.token
+        limit = (lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (open_files, open_files))
+                 ) if open_files else None
         self.gateways.append(subprocess.Popen(
             [self.runtime / "python/bin/python", "-m", "qor_gateway.main", "--port", str(self.port),
              "--litellm-port", str(self.port + 1), "--data-dir", self.data],
-            cwd=self.runtime / "sidecar", env={**os.environ, "PYTHONUNBUFFERED": "1"},
-            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True))
+            cwd=self.runtime / "sidecar", env=environment, preexec_fn=limit,
+            stdout=stdout, stderr=subprocess.PIPE, text=True))
         deadline = time.monotonic() + 10
         while True:
             try:
@@ -61,15 +73,32 @@ class GatewayTest(unittest.TestCase):
         self.assertLess(time.monotonic() - sent, 1.0)
         self.assertNotIn("Traceback", err)
 
-    def call(self, method, path, body=None):
+    def call(self, method, path, body=None, cookie=None, headers=None):
+        """One request carrying the secret (or `cookie`); (status, decoded JSON body)."""
+        status, raw, _ = self.fetch(method, path, body, cookie, headers)
+        return status, json.loads(raw) if raw else None
+
+    def fetch(self, method, path, body=None, cookie=None, headers=None):
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=5)
+        if cookie is None and self.token:
+            cookie = f"qor_token={self.token}"
         try:
-            connection.request(method, path, body, {"Content-Type": "application/json"})
+            connection.putrequest(method, path)
+            for name, value in {"Content-Type": "application/json",
+                                "Content-Length": str(len(body or b"")),
+                                **({"Cookie": cookie} if cookie else {}),
+                                **(headers or {})}.items():
+                connection.putheader(name, value)
+            connection.endheaders(body)
             response = connection.getresponse()
-            raw = response.read()
-            return response.status, json.loads(raw) if raw else None
+            return response.status, response.read(), response.getheader("Content-Type")
         finally:
             connection.close()
+
+    def threads(self):
+        status = Path(f"/proc/{self.gateways[-1].pid}/status").read_text()
+        return int(next(line.split()[1] for line in status.splitlines()
+                        if line.startswith("Threads:")))
 
     def test_readiness_probe_reports_the_packed_version(self):
         status, health = self.start()
@@ -103,3 +132,83 @@ class GatewayTest(unittest.TestCase):
                 self.assertEqual((status, answer["error"]), (400, error))
         written = [path for path in self.runtime.parent.rglob("*") if path.is_file()]
         self.assertEqual([path for path in written if self.runtime not in path.parents], [])
+
+    def test_only_the_holder_of_the_secret_is_served(self):
+        self.start()
+        note = json.dumps({"title": "t", "body": ""}).encode()
+        for cookie in ("qor_token=" + "0" * 64, "other=1", f"qor_token={self.token[:-1]}",
+                       "qor_token", "=;;\"", ""):
+            for method, path, body in (("GET", "/", None), ("GET", "/api/notes", None),
+                                       ("POST", "/api/notes", note),
+                                       ("DELETE", "/api/notes/" + "0" * 32, None),
+                                       ("POST", "/healthz", None)):
+                with self.subTest(cookie=cookie, method=method, path=path):
+                    status, page, kind = self.fetch(method, path, body, cookie=cookie or "x=")
+                    self.assertEqual((status, kind), (403, "text/html; charset=utf-8"))
+                    self.assertIn("QOR Velmora".encode(), page)
+        self.assertFalse((self.data / "notes").exists() and any((self.data / "notes").iterdir()))
+        self.assertEqual(self.call("GET", "/healthz", cookie="x=")[0], 200)
+        self.assertEqual(self.call("GET", "/api/notes", cookie=f"a=b; qor_token={self.token}"),
+                         (200, {"notes": []}))
+
+    def test_without_a_secret_only_the_readiness_probe_answers(self):
+        status, health = self.start(token=None, stdout=subprocess.PIPE)
+        self.assertEqual((status, health["version"]), (200, VERSION))
+        for cookie in ("qor_token=", "qor_token=None"):
+            with self.subTest(cookie=cookie):
+                self.assertEqual(self.fetch("GET", "/", cookie=cookie)[0], 403)
+        self.gateways[-1].send_signal(signal.SIGTERM)
+        out, _ = self.gateways[-1].communicate(timeout=10)
+        self.assertIn("QOR_GATEWAY_TOKEN is not set", out)
+
+    def test_malformed_requests_get_a_clean_400(self):
+        self.start()
+        for headers, body, error in (
+                ({"Content-Length": "\u00b2"}, b"{}", "invalid_content_length"),
+                ({"Content-Length": "-1"}, b"{}", "invalid_content_length"),
+                ({"Content-Length": "1e3"}, b"{}", "invalid_content_length"),
+                ({}, b'{"title": "\\ud800", "body": ""}', "invalid_json"),
+                ({}, b'{"title": "t", "body": "\\udfff\\ud800"}', "invalid_json")):
+            with self.subTest(headers=headers, body=body):
+                status, answer = self.call("POST", "/api/notes", body, headers=headers)
+                self.assertEqual((status, answer["error"]), (400, error))
+        self.assertEqual(self.call("GET", "/api/notes"), (200, {"notes": []}))
+
+    def test_idle_connections_cost_no_thread_and_do_not_hold_up_others(self):
+        self.start()
+        idle = []
+        self.addCleanup(lambda: [connection.close() for connection in idle])
+        for _ in range(500):
+            idle.append(socket.create_connection(("127.0.0.1", self.port)))
+        idle[-1].sendall(b"GET /api/notes HTTP/1.1\r\n")  # and one that stalls mid-request
+        started = time.monotonic()
+        self.assertEqual(self.call("GET", "/healthz")[0], 200)
+        answered = time.monotonic() - started
+        threads = self.threads()
+        print(f"\n500 idle connections: /healthz in {answered * 1000:.0f} ms, "
+              f"{threads} gateway threads", flush=True)
+        self.assertLess(answered, 1.0)
+        self.assertLess(threads, 40)
+
+    def test_running_out_of_files_pauses_and_recovers(self):
+        self.start(open_files=64)
+        held = []
+        self.addCleanup(lambda: [connection.close() for connection in held])
+        for _ in range(100):
+            held.append(socket.create_connection(("127.0.0.1", self.port)))
+        usage = Path(f"/proc/{self.gateways[-1].pid}/stat")
+        cpu = lambda: sum(int(field) for field in usage.read_text().rsplit(")", 1)[1].split()[11:13])
+        before, started = cpu(), time.monotonic()
+        with self.assertRaises(OSError):
+            probe = socket.create_connection(("127.0.0.1", self.port), timeout=1)
+            held.append(probe)
+            probe.sendall(b"GET /healthz HTTP/1.0\r\n\r\n")
+            if not probe.recv(1):
+                raise ConnectionResetError
+        ticks = os.sysconf("SC_CLK_TCK") * (time.monotonic() - started)
+        print(f"\nout of files: {100 * (cpu() - before) / ticks:.0f} % of a core", flush=True)
+        self.assertLess(cpu() - before, ticks / 2)
+        for connection in held:
+            connection.close()
+        held.clear()
+        self.assertEqual(self.call("GET", "/healthz")[0], 200)

@@ -16,10 +16,12 @@ TEST_F(GatewayLaunch, CommandLineEnvironmentAndOutput) {
   for (const char* name : {"NO_PROXY", "no_proxy"}) setEnv(name, "elsewhere");
   setEnv("PYTHONUNBUFFERED", "0");
   setEnv("QOR_DATA_DIR", "/elsewhere");
+  setEnv("QOR_GATEWAY_TOKEN", "inherited");
   shipRuntime(shippedVersion);
   configureGateway({{"output", {"one\ntwo\n", {{"hex", "e282"}}, "par", "tial\n", "正在运行\n"}}});
 
-  makeManager()->start();
+  const auto manager = makeManager();
+  manager->start();
   ASSERT_TRUE(eventually([&] { return !record().ready.empty(); })) << record().diagnostics;
 
   const auto launch = launches().at(0);
@@ -35,11 +37,17 @@ TEST_F(GatewayLaunch, CommandLineEnvironmentAndOutput) {
                                                           {"no_proxy", "127.0.0.1,localhost"},
                                                           {"QOR_TEST_UNTOUCHED", "kept as is"}};
   for (const auto& [name, value] : environment) EXPECT_EQ(launch["env"][name], value) << name;
+  // This run's own secret, never an inherited one (and another for the next run, below).
+  const auto token = launch["env"]["QOR_GATEWAY_TOKEN"].get<std::string>();
+  EXPECT_EQ(token, manager->gatewayToken());
+  EXPECT_EQ(token.size(), 64u);
+  EXPECT_EQ(token.find_first_not_of("0123456789abcdef"), std::string::npos) << token;
   // One prefix per chunk as read, and the chunk that is not UTF-8 dropped.
   const std::string output =
       "[sidecar] one\ntwo\n[sidecar] par[sidecar] tial\n[sidecar] 正在运行\n";
   EXPECT_TRUE(eventually([&] { return record().diagnostics == output; }, 5s))
       << record().diagnostics;
+  EXPECT_NE(makeManager()->gatewayToken(), token);
 }
 
 TEST_F(GatewayLaunch, RelaunchScheduleAndCounterUntilARelaunchFails) {

@@ -50,7 +50,9 @@ class Handler(BaseHTTPRequestHandler):
 
     def do_GET(self, body=""):
         entry = {"event": "request", "path": self.path, "body": body,
-                 "host": self.headers["Host"], "cache_control": self.headers["Cache-Control"]}
+                 "host": self.headers["Host"], "cache_control": self.headers["Cache-Control"],
+                 "token": f"qor_token={os.environ.get('QOR_GATEWAY_TOKEN')}" in
+                 (self.headers["Cookie"] or "").split("; ")}
         with _lock:
             if self.path.startswith("/__test/next?page="):
                 entry["page"] = int(self.path.split("=")[1])
