@@ -13,7 +13,6 @@ import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass, field
-from http.cookies import CookieError, SimpleCookie
 from http.server import BaseHTTPRequestHandler
 from pathlib import Path
 from typing import Optional
@@ -60,12 +59,14 @@ class Gateway:
         """Whether a request carrying these cookies comes from the shell that started us."""
         if self.token is None or not cookie_header:
             return False
-        try:
-            morsel = SimpleCookie(cookie_header).get(TOKEN_COOKIE)
-        except CookieError:
-            return False
-        return morsel is not None and hmac.compare_digest(morsel.value.encode(),
-                                                          self.token.encode())
+        # Read by hand: a strict cookie parser gives up on the whole header over one odd cookie
+        # that a page set for itself, and would lock the user out.
+        for pair in cookie_header.split(";"):
+            name, equals, value = pair.strip().partition("=")
+            if equals and name == TOKEN_COOKIE and \
+                    hmac.compare_digest(value.encode("utf-8", "replace"), self.token.encode()):
+                return True
+        return False
 
     def health(self) -> dict:
         return {

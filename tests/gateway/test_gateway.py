@@ -148,8 +148,10 @@ class GatewayTest(unittest.TestCase):
                     self.assertIn("QOR Velmora".encode(), page)
         self.assertFalse((self.data / "notes").exists() and any((self.data / "notes").iterdir()))
         self.assertEqual(self.call("GET", "/healthz", cookie="x=")[0], 200)
-        self.assertEqual(self.call("GET", "/api/notes", cookie=f"a=b; qor_token={self.token}"),
-                         (200, {"notes": []}))
+        for cookie in (f"a=b; qor_token={self.token}", f'odd="x;y; qor_token={self.token};z'):
+            with self.subTest(cookie=cookie):
+                self.assertEqual(self.call("GET", "/api/notes", cookie=cookie),
+                                 (200, {"notes": []}))
 
     def test_without_a_secret_only_the_readiness_probe_answers(self):
         status, health = self.start(token=None, stdout=subprocess.PIPE)
