@@ -22,8 +22,7 @@ class DiagnosticLog {
   static constexpr std::uintmax_t defaultFileLimit = 2 * 1024 * 1024;
   static constexpr int olderFilesKept = 2;
 
-  explicit DiagnosticLog(std::filesystem::path folder,
-                         std::uintmax_t fileLimit = defaultFileLimit);
+  explicit DiagnosticLog(std::filesystem::path folder, std::uintmax_t fileLimit = defaultFileLimit);
   ~DiagnosticLog();
   DiagnosticLog(const DiagnosticLog&) = delete;
   DiagnosticLog& operator=(const DiagnosticLog&) = delete;

@@ -42,7 +42,9 @@ void SidecarManager::start() {
 
 void SidecarManager::runStartSequence() {
   if (const auto started = startSteps(); !started) {
-    postStatus("Sidecar startup failed: " + started.error().description);
+    const auto text = "Sidecar startup failed: " + started.error().description;
+    writeDiagnostic("[sidecar] " + text + "\n");  // the label's text, kept in the log
+    postStatus(text);
   }
 }
 

@@ -106,6 +106,7 @@ TEST_F(GatewayLaunch, DeveloperModeAndTheStartFailures) {
     EXPECT_TRUE(eventually([&] { return !record().statuses.empty(); }));
     std::this_thread::sleep_for(200ms);
     EXPECT_EQ(record().statuses, std::vector{status});
+    EXPECT_EQ(record().diagnostics, "[sidecar] " + status + "\n");
   }
   EXPECT_TRUE(launches().empty());
 
