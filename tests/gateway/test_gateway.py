@@ -191,6 +191,10 @@ class GatewayTest(unittest.TestCase):
               f"{threads} gateway threads", flush=True)
         self.assertLess(answered, 1.0)
         self.assertLess(threads, 40)
+        # The gateway ends connections that stay silent, or stall mid-request, by itself.
+        for connection in (idle[0], idle[-1]):
+            connection.settimeout(60)
+            self.assertEqual(connection.recv(1), b"")
 
     def test_running_out_of_files_pauses_and_recovers(self):
         self.start(open_files=64)
