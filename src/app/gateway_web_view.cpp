@@ -12,6 +12,9 @@ namespace qor {
 namespace {
 
 constexpr std::string_view loadFailedText = "Sidecar UI failed to load: ";
+constexpr std::string_view pageCrashedText =
+    "The page stopped unexpectedly several times within a minute and was not reloaded again. "
+    "Restart QOR Velmora to try again.";
 
 std::string requestURL(WebKitNavigationAction* action) {
   WebKitURIRequest* request = webkit_navigation_action_get_request(action);
@@ -50,6 +53,7 @@ GatewayWebView::GatewayWebView(Host host)
   g_signal_connect(view_.get(), "create", G_CALLBACK(onCreate), this);
   g_signal_connect(view_.get(), "script-dialog", G_CALLBACK(onScriptDialog), this);
   g_signal_connect(view_.get(), "load-failed", G_CALLBACK(onLoadFailed), this);
+  g_signal_connect(view_.get(), "web-process-terminated", G_CALLBACK(onWebProcessTerminated), this);
   webkit_web_view_load_uri(view_.get(), "about:blank");
 }
 
@@ -63,6 +67,7 @@ GtkWidget* GatewayWebView::widget() {
 }
 
 void GatewayWebView::load(const std::string& url) {
+  pageURL_ = url;
   GObjectPtr<WebKitURIRequest> request =
       GObjectPtr<WebKitURIRequest>::adopt(webkit_uri_request_new(url.c_str()));
   SoupMessageHeaders* headers = webkit_uri_request_get_http_headers(request.get());
@@ -117,6 +122,21 @@ gboolean GatewayWebView::onLoadFailed(WebKitWebView*, WebKitLoadEvent event, cha
                                                          error->message);
   }
   return true;
+}
+
+// The engine starts a new page process for the next load. A page that keeps
+// killing its process is left alone, with the label saying so.
+void GatewayWebView::onWebProcessTerminated(WebKitWebView*,
+                                            WebKitWebProcessTerminationReason reason,
+                                            gpointer self) {
+  auto* view = static_cast<GatewayWebView*>(self);
+  if (reason == WEBKIT_WEB_PROCESS_TERMINATED_BY_API || view->pageURL_.empty()) return;
+  if (view->crashReloads_.allowReload()) {
+    view->load(view->pageURL_);
+    return;
+  }
+  view->host_.showStatus(std::string(pageCrashedText));
+  gtk_widget_set_visible(view->widget(), false);
 }
 
 bool GatewayWebView::decidePolicyFor(const std::string& url) {
