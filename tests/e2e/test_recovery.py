@@ -7,6 +7,8 @@ import os, re, signal, socket, time, unittest
 from harness import Session, pid_alive, wait_until
 
 TIME_OUT = "Sidecar did not become ready within 45s. Check logs in Application Support."
+PAGE_CRASHED = ("The page stopped unexpectedly several times within a minute and was not reloaded "
+                "again. Restart QOR Velmora to try again.")
 MISMATCH = re.compile(r"\[sidecar\] healthz version \S+ != bundled \S+; reaping stale sidecar")
 
 
@@ -47,16 +49,32 @@ class RecoveryTest(unittest.TestCase):
         self.assertNotEqual(s.gateway_pids()[-1], crashed)
         self.assertTrue(self.s.webview_visible())
 
-    def test_3_page_process_killed_brings_the_page_back(self):
-        s, pages = self.s, len(self.s.requests("/"))
-        web = [p for p in s.processes() if command_of(p).startswith("WebKitWebProces")]
+    def kill_page_process(self):
+        web = [p for p in self.s.processes() if command_of(p).startswith("WebKitWebProces")]
         self.assertTrue(web, "no page process found")
         for pid in web:
             os.kill(pid, signal.SIGKILL)
         wait_until(lambda: not any(map(pid_alive, web)), 10, "the page process to end")
+
+    def test_3_page_process_killed_brings_the_page_back(self):
+        s, pages = self.s, len(self.s.requests("/"))
+        self.kill_page_process()
         s.wait_ready(pages=pages + 1)
         self.assertTrue(self.s.webview_visible())
         s.screenshot("recovery-page-process-back")
+
+    def test_4_a_page_process_dying_again_and_again_is_left_with_a_word(self):
+        s = self.s
+        for kills in range(2, 5):  # the first was test 3's, within this minute
+            pages = len(s.requests("/"))
+            self.kill_page_process()
+            if kills == 4:
+                break
+            s.wait_ready(pages=pages + 1)
+        wait_until(lambda: s.boot_label() == PAGE_CRASHED, 15, "the label to say so")
+        self.assertFalse(s.webview_visible())
+        self.assertEqual(len(s.requests("/")), pages, "reloaded a fourth time")
+        s.screenshot("recovery-page-process-gave-up")
 
 
 class VersionMismatchTest(unittest.TestCase):
