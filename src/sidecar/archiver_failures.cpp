@@ -36,7 +36,8 @@ std::string zipFailure(int zipStatus, const std::filesystem::path& source,
                        const std::filesystem::path& archiveFolder) {
   std::string text = "zip " + std::to_string(zipStatus);
   if (zipStatus != zipWriteError && zipStatus != zipCreateError) return text;
-  return text + ", " + (lacksRoomFor(source, archiveFolder) ? diskFull : "the archive could not be written");
+  return text + ", " +
+         (lacksRoomFor(source, archiveFolder) ? diskFull : "the archive could not be written");
 }
 
 bool lacksRoomFor(const std::filesystem::path& source, const std::filesystem::path& folder) {

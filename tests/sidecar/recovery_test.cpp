@@ -21,8 +21,8 @@ using Recovery = SidecarTest;
 // A listener that never answers, as another program holding the port would.
 int holdPort(int port) {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{.sin_family = AF_INET, .sin_port = htons(port),
-                      .sin_addr = {htonl(INADDR_LOOPBACK)}};
+  sockaddr_in address{
+      .sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(INADDR_LOOPBACK)}};
   if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 8) != 0) {
     throw std::runtime_error("cannot hold port " + std::to_string(port));
   }
@@ -73,8 +73,7 @@ TEST_F(Recovery, GatewayAnsweringAfterTheTimeOutGetsItsPageWithoutFurtherTexts) 
 
   close(held);
   ASSERT_TRUE(eventually([&] { return !record().ready.empty(); })) << record().diagnostics;
-  EXPECT_EQ(record().ready,
-            std::vector{"http://127.0.0.1:" + std::to_string(gatewayPort) + "/"});
+  EXPECT_EQ(record().ready, std::vector{"http://127.0.0.1:" + std::to_string(gatewayPort) + "/"});
   EXPECT_EQ(record().statuses.back(), timeOut) << "a status text after the time-out";
   EXPECT_GT(launches().size(), 1u);
   EXPECT_EQ(manager->restartAttempts(), 0) << "a ready gateway resets the count";
@@ -179,10 +178,10 @@ TEST_F(Recovery, BackupKilledHalfwayLeavesNothingAfterTheNextOne) {
 
   // The whole application killed while zip writes: stopped first, so it cannot
   // clean up after zip, then both killed.
-  const auto host = launch({.executable = SIDECAR_HOST,
-                            .arguments = {support().string(), resources().string(),
-                                          std::to_string(gatewayPort),
-                                          std::to_string(litellmPort)}});
+  const auto host =
+      launch({.executable = SIDECAR_HOST,
+              .arguments = {support().string(), resources().string(), std::to_string(gatewayPort),
+                            std::to_string(litellmPort)}});
   std::optional<pid_t> zip;
   ASSERT_TRUE(eventually([&] {
     zip = childRunning(host->pid(), "zip");
