@@ -13,6 +13,9 @@ namespace qor {
 namespace {
 
 constexpr std::string_view loadFailedText = "Sidecar UI failed to load: ";
+constexpr std::string_view pageCrashedText =
+    "The page stopped unexpectedly several times within a minute and was not reloaded again. "
+    "Restart QOR Velmora to try again.";
 constexpr const char* tokenCookieName = "qor_token";
 constexpr const char* gatewayHost = "127.0.0.1";
 
@@ -81,6 +84,7 @@ GatewayWebView::GatewayWebView(Host host)
   g_signal_connect(view_.get(), "create", G_CALLBACK(onCreate), this);
   g_signal_connect(view_.get(), "script-dialog", G_CALLBACK(onScriptDialog), this);
   g_signal_connect(view_.get(), "load-failed", G_CALLBACK(onLoadFailed), this);
+  g_signal_connect(view_.get(), "web-process-terminated", G_CALLBACK(onWebProcessTerminated), this);
   webkit_web_view_load_uri(view_.get(), "about:blank");
 }
 
@@ -96,6 +100,8 @@ GtkWidget* GatewayWebView::widget() {
 // A session cookie for the gateway's host only, out of reach of the page's
 // scripts and of requests started by other sites.
 void GatewayWebView::load(const std::string& url, const std::string& gatewayToken) {
+  pageURL_ = url;
+  gatewayToken_ = gatewayToken;
   SoupCookie* cookie = soup_cookie_new(tokenCookieName, gatewayToken.c_str(), gatewayHost, "/", -1);
   soup_cookie_set_http_only(cookie, true);
   soup_cookie_set_same_site_policy(cookie, SOUP_SAME_SITE_POLICY_STRICT);
@@ -152,6 +158,21 @@ gboolean GatewayWebView::onLoadFailed(WebKitWebView*, WebKitLoadEvent event, cha
                                                          error->message);
   }
   return true;
+}
+
+// The engine starts a new page process for the next load. A page that keeps
+// killing its process is left alone, with the label saying so.
+void GatewayWebView::onWebProcessTerminated(WebKitWebView*,
+                                            WebKitWebProcessTerminationReason reason,
+                                            gpointer self) {
+  auto* view = static_cast<GatewayWebView*>(self);
+  if (reason == WEBKIT_WEB_PROCESS_TERMINATED_BY_API || view->pageURL_.empty()) return;
+  if (view->crashReloads_.allowReload()) {
+    view->load(view->pageURL_, view->gatewayToken_);
+    return;
+  }
+  view->host_.showStatus(std::string(pageCrashedText));
+  gtk_widget_set_visible(view->widget(), false);
 }
 
 bool GatewayWebView::decidePolicyFor(const std::string& url) {

@@ -1,7 +1,8 @@
 // GatewayWebView: the web view showing the gateway's page. It decides where
 // the page's navigations go (loopback pages stay, other links go to the
 // desktop's handlers), carries out the gateway's action links and answers the
-// page's script dialogs. Built into the web engine's module.
+// page's script dialogs, and reloads the page when its process dies. Built
+// into the web engine's module.
 //
 // Threads: the UI thread.
 #pragma once
@@ -12,6 +13,7 @@
 #include <optional>
 #include <string>
 
+#include "app/crash_reload_budget.h"
 #include "app/gobject_ptr.h"
 #include "app/script_dialog_queue.h"
 #include "app/web_content.h"
@@ -36,6 +38,8 @@ class GatewayWebView : public WebContent {
   static gboolean onScriptDialog(WebKitWebView* view, WebKitScriptDialog* dialog, gpointer self);
   static gboolean onLoadFailed(WebKitWebView* view, WebKitLoadEvent event, char* uri, GError* error,
                                gpointer self);
+  static void onWebProcessTerminated(WebKitWebView* view, WebKitWebProcessTerminationReason reason,
+                                     gpointer self);
 
   bool decidePolicyFor(const std::string& url);  // true: stay in the web view
   void createWebViewWith(const std::string& url);
@@ -48,6 +52,9 @@ class GatewayWebView : public WebContent {
   const Host host_;
   GObjectPtr<WebKitWebView> view_;
   ScriptDialogQueue scriptDialogs_;
+  std::string pageURL_;  // the gateway's page, once loaded
+  std::string gatewayToken_;  // the secret its cookie carries
+  CrashReloadBudget crashReloads_;
 };
 
 }  // namespace qor

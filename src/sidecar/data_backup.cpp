@@ -1,16 +1,39 @@
 // Before the runtime is replaced by another version, the user's data folder
-// is zipped into data-backups, keeping the three newest archives.
+// is zipped into data-backups, keeping the three newest archives. An archive
+// becomes visible only when complete; without one there is no upgrade.
 #include <algorithm>
 #include <ctime>
+#include <regex>
 #include <vector>
 
 #include "base/files.h"
+#include "sidecar/archiver_failures.h"
 #include "sidecar/sidecar_manager.h"
 
 namespace qor {
 namespace {
 
 constexpr size_t backupsKept = 3;
+// Holds the archive being written and zip's own temporary files.
+constexpr const char* partialFolderName = ".partial";
+
+Error backupError(const std::string& detail) {
+  return qorError(5, "Data backup before the upgrade failed (" + detail +
+                         "); the installed runtime is kept until a backup succeeds");
+}
+
+// What an interrupted backup leaves: the partial folder, and from earlier
+// versions a hidden archive or zip's "zi" temporary file beside the archives.
+void removeLeftovers(const std::filesystem::path& backups) {
+  static const std::regex leftover(R"(\.partial|\.data-.*\.zip|zi[A-Za-z0-9]{6})");
+  std::vector<std::filesystem::path> found;
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it(backups, ec), end; !ec && it != end;
+       it.increment(ec)) {
+    if (std::regex_match(it->path().filename().string(), leftover)) found.push_back(it->path());
+  }
+  for (const auto& path : found) std::filesystem::remove_all(path, ec);  // retried next time
+}
 
 std::string timeStamp() {
   const std::time_t now = std::time(nullptr);
@@ -53,33 +76,40 @@ std::vector<std::filesystem::path> backupsNewestFirst(const std::filesystem::pat
 
 }  // namespace
 
-void SidecarManager::backupDataBeforeUpgrade(const std::string& fromVersion) {
-  // Best effort throughout: a backup problem never stops an upgrade.
+Result<> SidecarManager::backupDataBeforeUpgrade(const std::string& fromVersion) {
   const auto data = dataDirectory();
   std::error_code ec;
-  if (!std::filesystem::exists(std::filesystem::symlink_status(data, ec))) return;
+  if (!std::filesystem::exists(std::filesystem::symlink_status(data, ec))) return {};
   const auto backups = runtimeRoot("data-backups");
-  (void)makePrivateFolder(backups);
-
-  // Written under a hidden name and renamed when complete, so a failed run
-  // leaves no half-written archive among the backups.
-  const auto name = "data-" + safeVersion(fromVersion) + "-" + timeStamp() + ".zip";
-  const auto partial = backups / ("." + name);
-  std::filesystem::remove(partial, ec);
-  const auto zipped = ChildProcess::run({
-      .executable = "/usr/bin/zip",
-      .arguments = {"-q", "-r", "-y", partial.string(), "data"},
-      .workingDirectory = productFolder(),
-  });
-  if (zipped && *zipped == 0) {
-    std::filesystem::permissions(partial, privateFileMode, ec);
-    std::filesystem::rename(partial, backups / name, ec);
-  } else {
-    std::filesystem::remove(partial, ec);
+  if (auto made = makePrivateFolder(backups); !made) return backupError(made.error().description);
+  removeLeftovers(backups);
+  const auto partialFolder = backups / partialFolderName;
+  if (std::filesystem::create_directories(partialFolder, ec); ec) {
+    return backupError(systemError(ec, "cannot create " + partialFolder.string()).description);
   }
 
+  // Written, with zip's temporary files, in the partial folder and moved
+  // beside the other archives when complete.
+  const auto name = "data-" + safeVersion(fromVersion) + "-" + timeStamp() + ".zip";
+  const auto partial = partialFolder / name;
+  const auto zipped = ChildProcess::run({
+      .executable = "/usr/bin/zip",
+      .arguments = {"-q", "-r", "-y", "-b", partialFolder.string(), partial.string(), "data"},
+      .workingDirectory = productFolder(),
+  });
+  if (!zipped || *zipped != 0) {
+    std::filesystem::remove_all(partialFolder, ec);  // frees the room zip took
+    return backupError(zipped ? zipFailure(*zipped, data, backups) : zipped.error().description);
+  }
+  std::filesystem::permissions(partial, privateFileMode, ec);
+  std::filesystem::rename(partial, backups / name, ec);
+  if (ec) return backupError(systemError(ec, "cannot move " + partial.string()).description);
+  std::filesystem::remove_all(partialFolder, ec);  // empty by now; retried next time
+
+  // Pruning is best effort: an extra old archive costs only space.
   const auto archives = backupsNewestFirst(backups);
   for (size_t i = backupsKept; i < archives.size(); ++i) std::filesystem::remove(archives[i], ec);
+  return {};
 }
 
 }  // namespace qor

@@ -1,6 +1,7 @@
 // Launches the gateway with its command line, working folder and
 // environment, passes its output through to standard error, and relaunches
-// it with a growing delay whenever it exits while the manager runs.
+// it with a growing delay whenever the current gateway exits while the
+// manager runs, reloading its page once the new one answers.
 #include <algorithm>
 #include <thread>
 
@@ -12,6 +13,7 @@ namespace {
 
 constexpr std::string_view outputPrefix = "[sidecar] ";
 constexpr std::int64_t longestRelaunchDelay = 15;
+constexpr ScaledClock::Seconds answerPause{0.5};
 
 // 2, 4, 8, then 15 s for the fourth relaunch and every later one.
 ScaledClock::Seconds relaunchDelay(std::int64_t attempts) {
@@ -48,30 +50,62 @@ Result<> SidecarManager::launchGateway() {
           [diagnostics = settings_.diagnostics](std::string_view chunk) {
             if (isValidUtf8(chunk)) diagnostics(std::string(outputPrefix).append(chunk));
           },
-      .onExit =
-          [weakSelf = weak_from_this()](int) {
-            const auto self = weakSelf.lock();
-            if (self && !self->stopping_) self->relaunchAfterExit();
-          },
   };
 
   // Checked under the lock that stop() takes, so a launch can never slip in
   // after stop() has looked for a process.
   std::lock_guard lock(processMutex_);
   if (stopping_) return {};
+  const auto launch = launchCount_ + 1;
+  // A gateway replaced or reaped meanwhile is no longer current: its exit is
+  // expected and relaunches nothing. The check waits for this lock, so it
+  // sees the number stored below.
+  options.onExit = [weakSelf = weak_from_this(), launch](int) {
+    const auto self = weakSelf.lock();
+    if (self && !self->stopping_ && self->isCurrentLaunch(launch)) self->relaunchAfterExit(launch);
+  };
   auto child = ChildProcess::launch(std::move(options));
   if (!child) return child.error();
+  launchCount_ = launch;
   process_ = std::move(child).value();
   return {};
 }
 
-void SidecarManager::relaunchAfterExit() {
-  std::thread([self = shared_from_this()] {
+void SidecarManager::relaunchAfterExit(std::uint64_t exitedLaunch) {
+  std::thread([self = shared_from_this(), exitedLaunch] {
     const auto attempts = ++self->restartAttempts_;
     self->clock_.sleepFor(relaunchDelay(attempts));
-    if (self->stopping_) return;
-    (void)self->launchGateway();  // a failed relaunch ends the chain until the next start()
+    if (self->stopping_ || !self->isCurrentLaunch(exitedLaunch)) return;  // someone launched anew
+    if (!self->launchGateway()) return;  // a failed relaunch ends the chain until the next start()
+    if (self->readyDelivered_) self->reloadWhenAnswering(self->currentLaunch());
   }).detach();
+}
+
+// Runs on the relaunch thread until the gateway answers, exits or is replaced.
+void SidecarManager::reloadWhenAnswering(std::uint64_t launch) {
+  const auto healthURL = gatewayAddress("/healthz");
+  const auto child = process();
+  while (!stopping_ && isCurrentLaunch(launch) && child && child->isRunning()) {
+    if (httpOK(healthURL)) {
+      postReady(gatewayAddress("/"));
+      return;
+    }
+    clock_.sleepFor(answerPause);
+  }
+}
+
+bool SidecarManager::isCurrentLaunch(std::uint64_t launch) const {
+  return currentLaunch() == launch;
+}
+
+std::uint64_t SidecarManager::currentLaunch() const {
+  std::lock_guard lock(processMutex_);
+  return launchCount_;
+}
+
+void SidecarManager::forgetCurrentGateway() {
+  std::lock_guard lock(processMutex_);
+  ++launchCount_;
 }
 
 }  // namespace qor

@@ -1,6 +1,8 @@
 // Polls the gateway's /healthz until it answers with the shipped runtime
 // version, reporting the seconds waited, replacing a stale gateway of another
-// version at most twice, and giving up after maxBootSeconds.
+// version at most twice, and reporting a time-out after maxBootSeconds. After
+// that it goes on probing quietly, so a gateway that comes up late (its port
+// was taken for a while) still gets its page.
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -14,6 +16,7 @@ constexpr ScaledClock::Seconds probePause{0.5};
 constexpr ScaledClock::Seconds statusProbeLimit{2.0};
 constexpr ScaledClock::Seconds versionProbeLimit{2.0};
 constexpr int mismatchRetriesAllowed = 2;
+constexpr ScaledClock::Seconds lateProbePeriod{3.0};
 
 bool isSuccess(long status) {
   return status >= 200 && status <= 299;
@@ -27,26 +30,18 @@ void SidecarManager::waitForHealth() {
 }
 
 void SidecarManager::pollUntilReady(ScaledClock::TimePoint startTime) {
-  const auto healthURL = gatewayAddress("/healthz");
   const auto deadline = static_cast<double>(maxBootSeconds.load());
   int mismatchRetries = 0;
   while (clock_.since(startTime).count() < deadline) {
     if (stopping_) return;
-    if (httpOK(healthURL)) {
-      if (refuseForeignGateway()) return;
-      const auto version = healthzVersion(healthURL);
-      const auto shipped = bundledVersion();
-      if (version == shipped || mismatchRetries == mismatchRetriesAllowed) {
-        restartAttempts_ = 0;
-        postReady(gatewayAddress("/"));
+    switch (probeReadiness(mismatchRetries)) {
+      case Probe::ready:
+      case Probe::refused:
         return;
-      }
-      writeDiagnostic("[sidecar] healthz version " + version.value_or("?") + " != bundled " +
-                      shipped + "; reaping stale sidecar\n");
-      reapStaleSidecars();
-      (void)launchGateway();  // the loop goes on until the deadline either way
-      ++mismatchRetries;
-      continue;
+      case Probe::replaced:
+        continue;  // the loop goes on until the deadline either way
+      case Probe::silent:
+        break;
     }
     clock_.sleepFor(probePause);
     if (stopping_) return;  // a stopped manager reports nothing more
@@ -55,6 +50,40 @@ void SidecarManager::pollUntilReady(ScaledClock::TimePoint startTime) {
   }
   postStatus("Sidecar did not become ready within " + std::to_string(maxBootSeconds.load()) +
              "s. Check logs in Application Support.");
+  keepProbingQuietly(mismatchRetries);
+}
+
+SidecarManager::Probe SidecarManager::probeReadiness(int& mismatchRetries) {
+  const auto healthURL = gatewayAddress("/healthz");
+  if (!httpOK(healthURL)) return Probe::silent;
+  if (refuseForeignGateway()) return Probe::refused;
+  const auto version = healthzVersion(healthURL);
+  const auto shipped = bundledVersion();
+  if (version == shipped || mismatchRetries == mismatchRetriesAllowed) {
+    restartAttempts_ = 0;
+    readyDelivered_ = true;
+    postReady(gatewayAddress("/"));
+    return Probe::ready;
+  }
+  writeDiagnostic("[sidecar] healthz version " + version.value_or("?") + " != bundled " + shipped +
+                  "; reaping stale sidecar\n");
+  forgetCurrentGateway();  // its exit under the sweep is expected
+  reapStaleSidecars();
+  (void)launchGateway();
+  ++mismatchRetries;
+  return Probe::replaced;
+}
+
+// No status texts here: the time-out text stays until the page replaces it.
+void SidecarManager::keepProbingQuietly(int mismatchRetries) {
+  for (;;) {
+    clock_.sleepFor(lateProbePeriod);
+    if (stopping_) return;
+    if (const auto probe = probeReadiness(mismatchRetries);
+        probe == Probe::ready || probe == Probe::refused) {
+      return;
+    }
+  }
 }
 
 bool SidecarManager::httpOK(const std::string& url) const {

@@ -1,10 +1,12 @@
 // Unpacks the shipped runtime archive into the runtime folder on first start
 // and after an upgrade, backing the user's data up first when a different
-// runtime version is replaced.
+// runtime version is replaced. A runtime missing its interpreter or gateway
+// folder is unpacked again; no runtime is replaced without its data backup.
 #include <fstream>
 
 #include "base/files.h"
 #include "base/text.h"
+#include "sidecar/archiver_failures.h"
 #include "sidecar/sidecar_manager.h"
 
 namespace qor {
@@ -33,7 +35,9 @@ Result<> SidecarManager::prepareRuntimeIfNeeded() {
   const auto readyMarker = runtimeDir() / readyMarkerName;
   const auto shipped = bundledVersion();
   const auto installed = installedVersion();
-  if (std::filesystem::exists(readyMarker) && installed == shipped) return {};
+  const bool complete = std::filesystem::exists(runtimeDir() / "python" / "bin" / "python") &&
+                        std::filesystem::is_directory(runtimeDir() / "sidecar");
+  if (std::filesystem::exists(readyMarker) && installed == shipped && complete) return {};
 
   const auto archiveName = "QOR-runtime-" + architectureName() + ".zip";
   const auto archive = settings_.resourceDirectory / archiveName;
@@ -42,7 +46,10 @@ Result<> SidecarManager::prepareRuntimeIfNeeded() {
   }
 
   postStatus(installed ? "正在升级到新版本 " + shipped + "…" : "正在准备首次启动运行环境…");
-  if (installed) backupDataBeforeUpgrade(*installed);
+  if (installed) {
+    // The old runtime and its version file stay, so the next start backs up again.
+    if (auto backedUp = backupDataBeforeUpgrade(*installed); !backedUp) return backedUp;
+  }
 
   std::error_code ec;
   // A missing or stubborn old runtime is simply unpacked over.
@@ -55,9 +62,7 @@ Result<> SidecarManager::prepareRuntimeIfNeeded() {
       .arguments = {"-q", archive.string(), "-d", runtimeDir().string()},
   });
   if (!unzipped) return unzipped.error();
-  if (*unzipped != 0) {
-    return qorError(2, "Runtime extraction failed (unzip " + std::to_string(*unzipped) + ")");
-  }
+  if (*unzipped != 0) return qorError(2, extractionFailure(*unzipped));
 
   const auto versionFile = runtimeDir() / versionFileName;
   if (!std::filesystem::exists(versionFile)) {

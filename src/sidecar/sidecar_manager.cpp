@@ -37,6 +37,7 @@ SidecarManager::SidecarManager(std::shared_ptr<MainThreadQueue> mainThread, Sett
 
 void SidecarManager::start() {
   stopping_ = false;
+  readyDelivered_ = false;
   std::thread([self = shared_from_this()] { self->runStartSequence(); }).detach();
 }
 

@@ -8,6 +8,10 @@
 // thread through the MainThreadQueue. Output capture, exit handling,
 // relaunches and the readiness loop run on background threads.
 //
+// Beyond giving up, the manager heals what it can: a gateway that answers only
+// after the time-out text still gets its page, a relaunched gateway's page is
+// reloaded once it answers, and only the current gateway's exit relaunches.
+//
 // The manager must be owned by a std::shared_ptr: background work keeps it
 // alive while it runs. Destroying it does not stop the gateway; stop() does.
 #pragma once
@@ -57,7 +61,9 @@ class SidecarManager : public std::enable_shared_from_this<SidecarManager> {
   SidecarManager(const SidecarManager&) = delete;
   SidecarManager& operator=(const SidecarManager&) = delete;
 
-  // Set by the owner before start(); called on the UI thread.
+  // Set by the owner before start(); called on the UI thread. onReady comes
+  // again, with the same address, when a relaunched gateway answers after its
+  // page had been shown: the owner loads it afresh.
   std::function<void(const std::string& text)> onStatus;
   std::function<void(const std::string& url)> onReady;
 
@@ -84,16 +90,18 @@ class SidecarManager : public std::enable_shared_from_this<SidecarManager> {
   static bool developerMode();
   static std::string architectureName();
 
-  // Runtime provisioning and the data backup before an upgrade.
+  // Runtime provisioning and the data backup before an upgrade. The backup
+  // fails only when there is data and no complete archive of it was made.
   Result<> prepareRuntimeIfNeeded();
   std::string bundledVersion() const;
   std::optional<std::string> installedVersion() const;
-  void backupDataBeforeUpgrade(const std::string& fromVersion);
+  Result<> backupDataBeforeUpgrade(const std::string& fromVersion);
 
   // Gateway launch; the relaunch after an exit is scheduled from here.
   Result<> launchGateway();
 
-  // Readiness: queues the polling loop and returns.
+  // Readiness: queues the polling loop and returns. After the time-out text
+  // the loop goes on probing quietly until the gateway is ready or stop().
   void waitForHealth();
   bool httpOK(const std::string& url) const;
   std::optional<std::string> healthzVersion(const std::string& url) const;
@@ -106,8 +114,16 @@ class SidecarManager : public std::enable_shared_from_this<SidecarManager> {
  private:
   void runStartSequence();
   Result<> startSteps();
-  void relaunchAfterExit();
+  enum class Probe { silent, ready, replaced, refused };
+
+  void relaunchAfterExit(std::uint64_t exitedLaunch);
+  void reloadWhenAnswering(std::uint64_t launch);
+  bool isCurrentLaunch(std::uint64_t launch) const;
+  std::uint64_t currentLaunch() const;
+  void forgetCurrentGateway();
   void pollUntilReady(ScaledClock::TimePoint startTime);
+  Probe probeReadiness(int& mismatchRetries);
+  void keepProbingQuietly(int mismatchRetries);
   std::string gatewayAddress(std::string_view path) const;
   void postStatus(std::string text) const;
   void postReady(std::string url) const;
@@ -120,8 +136,13 @@ class SidecarManager : public std::enable_shared_from_this<SidecarManager> {
 
   std::atomic<bool> stopping_{false};
   std::atomic<std::int64_t> restartAttempts_{0};
+  // Set once onReady has been queued: a relaunched gateway's page is then
+  // loaded again.
+  std::atomic<bool> readyDelivered_{false};
   mutable std::mutex processMutex_;
   std::shared_ptr<ChildProcess> process_;
+  // Numbers the launches; only the exit of the current one relaunches.
+  std::uint64_t launchCount_ = 0;
 };
 
 }  // namespace qor

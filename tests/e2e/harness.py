@@ -178,6 +178,10 @@ class Session:  # one private home and, at a time, one running shell with its ga
     def main_window(self):
         return wait_until(lambda: self.windows("frame")[0], 30, "the main window")
 
+    def webview_visible(self):  # the gateway's page covers the boot label
+        views = find_all(self.main_window(), name="WebKitWebView", max_depth=3)
+        return bool(views) and "visible" in states(views[0])
+
     def boot_label(self):
         return wait_until(lambda: find_all(self.main_window(), role="label", max_depth=3)[0],
                           10, "the boot label").name

@@ -46,10 +46,6 @@ class WindowTest(unittest.TestCase):
         cls.s = Session("window", boot_delay=2.5)
         cls.addClassCleanup(cls.s.close)
 
-    def webview_visible(self):
-        views = find_all(self.s.main_window(), name="WebKitWebView", max_depth=3)
-        return bool(views) and "visible" in states(views[0])
-
     def test_1_boot_screen_then_the_page(self):
         s = self.s
         stale = subprocess.Popen(["python3", "-c", STALE, "qor_gateway.main", "--data-dir",
@@ -59,7 +55,7 @@ class WindowTest(unittest.TestCase):
         frame = s.main_window()
         box = frame.queryComponent().getExtents(1)
         self.assertEqual((frame.name, box.width, box.height), ("QOR Velmora", 1280, 820))
-        self.assertEqual((s.boot_label(), self.webview_visible()), (BOOT, False))
+        self.assertEqual((s.boot_label(), s.webview_visible()), (BOOT, False))
         s.screenshot("startup-boot-screen")
         # The sweep kills the stale gateway; ours then boots slowly while the label counts.
         wait_until(lambda: stale.poll() == -9, 15, "the stale gateway to end by SIGKILL")
@@ -72,7 +68,7 @@ class WindowTest(unittest.TestCase):
         asked = [r for r in s.events("request") if r["path"] != "/healthz"]
         self.assertTrue(all(r["token"] for r in asked), asked)
         self.assertEqual(s.run_script("document.cookie"), "")
-        wait_until(self.webview_visible, 10, "the web view to be shown")
+        wait_until(self.s.webview_visible, 10, "the web view to be shown")
         s.screenshot("startup-gateway-page")
 
     def test_2_menu_bar(self):
@@ -138,7 +134,7 @@ class WindowTest(unittest.TestCase):
         text = wait_until(lambda: s.boot_label() != before and s.boot_label(), 20, "a change")
         self.assertRegex(text, "^Sidecar UI failed to load: .")
         self.assertEqual([w.getRoleName() for w in s.windows()], ["frame"])
-        self.assertTrue(self.webview_visible())
+        self.assertTrue(self.s.webview_visible())
 
 
 if __name__ == "__main__":

@@ -68,7 +68,7 @@ TEST_F(DataBackup, KeepsTheThreeNewestZipArchivesAndNothingElse) {
     std::ofstream(backups() / name) << name;
     fs::last_write_time(backups() / name, fs::file_time_type::clock::now() - --age * 1min);
   }
-  makeManager()->backupDataBeforeUpgrade("release/1.2");
+  EXPECT_TRUE(makeManager()->backupDataBeforeUpgrade("release/1.2"));
 
   for (const auto& name : oldestFirst) {
     EXPECT_EQ(fs::exists(backups() / name), name != "data-1.zip" && name != "data-2.zip") << name;
