@@ -38,6 +38,8 @@ root="$work/deb"
 prefix=/opt/qor-velmora
 mkdir -p "$root/opt" "$root/usr/bin" "$root/DEBIAN"
 cp -a "$bundle" "$root$prefix"
+# Tells the shell that dpkg owns this bundle, so it never replaces it in place.
+echo deb >"$root$prefix/share/qor-velmora/PACKAGE_MANAGED"
 ln -s "$prefix/bin/qor-velmora" "$root/usr/bin/qor-velmora"
 for file in applications/org.qor.Velmora.desktop metainfo/org.qor.Velmora.metainfo.xml \
     icons/hicolor/scalable/apps/org.qor.Velmora.svg; do

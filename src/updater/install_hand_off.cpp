@@ -10,6 +10,7 @@
 
 #include "base/child_process.h"
 #include "base/files.h"
+#include "base/text.h"
 #include "base/user_data.h"
 #include "updater/file_digest.h"
 #include "updater/install_script.h"
@@ -159,19 +160,30 @@ void Updater::installPrepared(InstallPreparation preparation) {
       });
 }
 
+std::filesystem::path Updater::updateLog() const {
+  return settings_.supportDirectory / productFolderName / "update.log";
+}
+
+std::filesystem::path Updater::failureMark() const {
+  return settings_.supportDirectory / productFolderName / "update-failed";
+}
+
 std::optional<std::filesystem::path> Updater::writeInstallHelper(
     pid_t pid, const std::filesystem::path& srcApp, const std::filesystem::path& dstApp,
     const std::filesystem::path& mount, const std::filesystem::path& dmg) {
-  const auto logFolder = settings_.supportDirectory / productFolderName;
   std::error_code ignored;  // best effort: without the folder the script just logs nothing
-  std::filesystem::create_directories(logFolder, ignored);
+  std::filesystem::create_directories(updateLog().parent_path(), ignored);
   const InstallScript script{
       .processId = pid,
       .newBundle = srcApp,
       .destination = dstApp,
       .staging = mount,
       .image = dmg,
-      .log = logFolder / "update.log",
+      .log = updateLog(),
+      .version = manifest_ ? manifest_->version : std::string(),
+      // The installed bundle's own: this version wrote the script and knows it ships one.
+      .exchangeTool = settings_.bundleRoot / "lib" / "qor-velmora" / "qor-exchange",
+      .failureMark = failureMark(),
   };
   const auto file = settings_.temporaryDirectory / ("qor-install-" + randomUUID() + ".sh");
   if (!writeFileAtomically(file, script.text())) return std::nullopt;
@@ -179,6 +191,22 @@ std::optional<std::filesystem::path> Updater::writeInstallHelper(
   std::filesystem::permissions(file, std::filesystem::perms(0755),
                                std::filesystem::perm_options::replace, ignored);
   return file;
+}
+
+// UI thread, at start. The install script leaves the version it could not
+// install in the failure mark; that is told once, and the version is not
+// offered again by the automatic check of this run.
+void Updater::reportFailedInstall() {
+  const auto mark = failureMark();
+  auto version = readTextFile(mark);
+  if (!version) return;
+  std::error_code ignored;  // best effort: a mark that stays is told again next start
+  std::filesystem::remove(mark, ignored);
+  failedVersion_ = trimmed(*version);
+  showInfo(texts::failedTitle, texts::installFailedBefore + *failedVersion_ +
+                                   texts::installFailedKept + currentVersion() +
+                                   texts::installFailedLog + updateLog().string() +
+                                   texts::installFailedAfter);
 }
 
 // The script gets a session of its own and is not tied to this process, so

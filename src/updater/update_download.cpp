@@ -1,8 +1,10 @@
 // Downloading the update image: the trust check, the temporary image file,
 // the progress dialog and its cancel button, and the failures of the
 // transfer.
+#include <algorithm>
 #include <system_error>
 
+#include "updater/install_preflight.h"
 #include "updater/random_uuid.h"
 #include "updater/update_texts.h"
 #include "updater/updater.h"
@@ -12,6 +14,11 @@ namespace qor {
 namespace {
 
 namespace texts = updateTexts;
+
+std::string wholeMegabytes(std::uintmax_t bytes, bool roundUp) {
+  constexpr std::uintmax_t megabyte = 1u << 20;
+  return std::to_string(bytes / megabyte + (roundUp && bytes % megabyte ? 1 : 0));
+}
 
 void removeQuietly(const std::filesystem::path& file) {
   std::error_code ignored;  // best effort: a temporary file may already be gone
@@ -30,6 +37,22 @@ void Updater::beginDownload() {
   }
   if (address->scheme != "https" || address->host != expectedHost_) {
     showInfo(texts::blockedTitle, texts::untrustedAddress + address->host.value_or(texts::noHost));
+    return;
+  }
+  // Nothing is downloaded that could not be installed.
+  const auto preflight = checkInstallPreflight(
+      settings_.bundleRoot,
+      static_cast<std::uintmax_t>(std::max<std::int64_t>(asset_->size.value_or(0), 0)));
+  if (preflight.outcome == InstallPreflight::Outcome::notReplaceable) {
+    showPackageManaged();
+    return;
+  }
+  if (preflight.outcome == InstallPreflight::Outcome::lowSpace) {
+    showInfo(texts::failedTitle,
+             texts::lowSpaceBefore + wholeMegabytes(preflight.neededBytes, true) +
+                 texts::lowSpaceBetween + settings_.bundleRoot.parent_path().string() +
+                 texts::lowSpaceAvailable + wholeMegabytes(preflight.availableBytes, false) +
+                 texts::lowSpaceAfter);
     return;
   }
 

@@ -25,6 +25,8 @@ inline constexpr const char* runningVersion = "当前版本：";
 inline constexpr const char* defaultNotes = "建议更新以获得最新修复与改进。";
 inline constexpr const char* updateNowButton = "立即更新";
 inline constexpr const char* laterButton = "稍后";
+inline constexpr const char* packageManagedBefore = "此安装由系统的软件包管理器更新，请通过它安装 ";
+inline constexpr const char* packageManagedAfter = "。";
 
 // Downloading.
 inline constexpr const char* invalidAddress = "清单中的下载地址无效。";
@@ -36,6 +38,10 @@ inline constexpr const char* downloadingText = "下载完成并校验通过后�
 inline constexpr const char* cancelButton = "取消";
 inline constexpr const char* failedTitle = "更新失败";
 inline constexpr const char* saveFailed = "保存下载文件失败：";
+inline constexpr const char* lowSpaceBefore = "磁盘空间不足，无法安装更新：需要 ";
+inline constexpr const char* lowSpaceBetween = " MB，";
+inline constexpr const char* lowSpaceAvailable = " 所在磁盘只有 ";
+inline constexpr const char* lowSpaceAfter = " MB 可用。";
 
 // Verifying and installing.
 inline constexpr const char* unreadable = "无法读取下载文件：";
@@ -53,5 +59,11 @@ inline constexpr const char* readyTitle = "准备安装 ";
 inline constexpr const char* readyTitleWithoutManifest = "新版本";
 inline constexpr const char* readyText = "QOR 将退出并自动重启，窗口会在几秒后重新打开。";
 inline constexpr const char* restartButton = "立即重启";
+
+// The next start, after the install script kept the old version.
+inline constexpr const char* installFailedBefore = "无法安装更新 ";
+inline constexpr const char* installFailedKept = "，已保留当前版本 ";
+inline constexpr const char* installFailedLog = "。\n详细原因见 ";
+inline constexpr const char* installFailedAfter = "。";
 
 }  // namespace qor::updateTexts

@@ -6,6 +6,7 @@
 
 #include "base/bundle.h"
 #include "base/user_data.h"
+#include "updater/install_preflight.h"
 #include "updater/update_texts.h"
 #include "updater/url_parts.h"
 
@@ -63,6 +64,7 @@ std::optional<std::string> Updater::platformKey() const {
 }
 
 void Updater::scheduleAutomaticCheck() {
+  reportFailedInstall();
   std::thread([weak = weak_from_this(), clock = clock_] {
     clock.sleepFor(automaticCheckDelay);
     if (const auto self = weak.lock()) self->check(true);
@@ -138,6 +140,11 @@ void Updater::applyManifest(QorManifest manifest) {
     }
     return;
   }
+  if (silent_ && manifest_->version == failedVersion_) return;
+  if (!canReplaceBundle(settings_.bundleRoot)) {
+    showPackageManaged();
+    return;
+  }
   const bool forced = isForcedUpdate(manifest_->minVersion, current);
   const auto& notes = manifest_->notes;
   UpdateAlert alert{
@@ -152,6 +159,13 @@ void Updater::applyManifest(QorManifest manifest) {
     const auto self = weak.lock();
     if (self && button == 0) self->beginDownload();
   });
+}
+
+// UI thread. The offer for a bundle this user cannot replace in place.
+void Updater::showPackageManaged() {
+  showInfo(texts::newVersionTitle + manifest_->version,
+           texts::runningVersion + currentVersion() + "\n" + texts::packageManagedBefore +
+               manifest_->version + texts::packageManagedAfter);
 }
 
 void Updater::showInfo(const std::string& title, const std::string& text) {

@@ -68,7 +68,8 @@ class Updater : public std::enable_shared_from_this<Updater> {
   // stops the gateway; the script waits for this process to end.
   std::function<void()> terminateApplication;
 
-  // UI thread. One silent check 3 s from now (no repetition).
+  // UI thread, once at start. Tells of an install that failed in the last
+  // run, then schedules one silent check 3 s from now (no repetition).
   void scheduleAutomaticCheck();
   // UI thread. A check that reports every outcome (the menu's "检查更新…").
   void checkForUpdates();
@@ -94,6 +95,7 @@ class Updater : public std::enable_shared_from_this<Updater> {
   void check(bool silent);
   void completeCheck(bool silent, const Result<HttpResponse>& response);
   void applyManifest(QorManifest manifest);
+  void showPackageManaged();
   void showInfo(const std::string& title, const std::string& text);
   void onMain(std::function<void(Updater&)> work);
 
@@ -115,6 +117,9 @@ class Updater : public std::enable_shared_from_this<Updater> {
                                                           const std::filesystem::path& dstApp,
                                                           const std::filesystem::path& mount,
                                                           const std::filesystem::path& dmg);
+  std::filesystem::path updateLog() const;
+  std::filesystem::path failureMark() const;
+  void reportFailedInstall();
   void launchDetached(const std::filesystem::path& script);
   void scheduleTermination();
   static void detach(const std::filesystem::path& mount);
@@ -136,6 +141,9 @@ class Updater : public std::enable_shared_from_this<Updater> {
   std::optional<QorAsset> asset_;
   std::shared_ptr<HttpsDownload> downloadTask_;
   std::optional<std::filesystem::path> downloadTarget_;
+  // The version whose install failed in the last run: the automatic check
+  // does not offer it again.
+  std::optional<std::string> failedVersion_;
   unsigned downloadGeneration_ = 0;  // tells the current download's events from stale ones
   bool progressShown_ = false;
   bool progressDeterminate_ = false;

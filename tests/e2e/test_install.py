@@ -78,7 +78,8 @@ class InstallTest(unittest.TestCase):
                    if not line.startswith("d")}
         bundle = [f"opt/qor-velmora/{f}" for f in [
             "bin/qor-velmora", "lib/qor-velmora/libqor-velmora-web.so",
-            "share/qor-velmora/APP_VERSION",
+            "lib/qor-velmora/qor-exchange", "share/qor-velmora/APP_VERSION",
+            "share/qor-velmora/PACKAGE_MANAGED",
             "share/qor-velmora/QOR_RUNTIME_VERSION", f"share/qor-velmora/QOR-runtime-{ARCH}.zip",
             *(f"share/{f}" for f in DESKTOP_FILES)]]
         links = [f"usr/bin/qor-velmora -> {PREFIX}/bin/qor-velmora",

@@ -1,7 +1,9 @@
 """An update end to end on a local HTTPS server, with the update image `make package` makes and
-the manifest the release tool writes for it; a tampered image refused."""
+the manifest the release tool writes for it; a tampered image refused; a disk that fills up during
+the install keeps the installed version and the next start says so."""
 
-import glob, hashlib, http.server, os, shutil, signal, ssl, subprocess, tempfile, threading
+import glob, hashlib, http.server, os, shutil, signal, ssl, subprocess, tarfile, tempfile
+import threading
 import time, unittest
 
 from harness import (BUNDLE, Session, bundle_file, find_all, pid_alive, port_listening, press,
@@ -29,6 +31,19 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.end_headers()
         time.sleep(self.server.pause)
         self.wfile.write(body)
+
+
+def digests(folder):  # every file below `folder` by its SHA-256, links by their targets
+    found = {}
+    for parent, _, names in os.walk(folder):
+        for name in names:
+            path = os.path.join(parent, name)
+            if os.path.islink(path):
+                found[os.path.relpath(path, folder)] = "-> " + os.readlink(path)
+            else:
+                with open(path, "rb") as f:
+                    found[os.path.relpath(path, folder)] = hashlib.sha256(f.read()).hexdigest()
+    return found
 
 
 def stage(folder, version):  # a copy of the staged bundle with the update-enabled shell
@@ -126,6 +141,58 @@ class UpdateTest(unittest.TestCase):
         self.assertEqual(os.listdir(s.env["TMPDIR"]), [], "no image, no staging folder")
         s.key("ctrl+q")
         s.assert_quit_cleanly(self)
+
+    def test_a_disk_that_fills_up_during_the_install_keeps_the_installed_version(self):
+        self.server.files, self.server.asked, self.server.pause = (
+            {"/qor/latest.json": self.manifest, IMAGE: self.image}, [], 2)
+        s = Session("update-full-disk")
+        # The bundle on a small disk of its own, with room for the update's copy at first.
+        apps = f"{s.root}/apps"
+        os.makedirs(apps)
+        needed = sum(os.path.getsize(f"{p}/{n}") for p, _, ns in os.walk(BUNDLE) for n in ns)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={needed + (96 << 20)}", "tmpfs",
+                        apps], check=True)
+        self.addCleanup(lambda: (s.close(), subprocess.run(["umount", "-l", apps])))
+        bundle = stage(apps, OLD)
+        before = digests(bundle)
+        s.launch(f"{bundle}/bin/qor-velmora")
+        s.wait_ready()
+        press(s.dialog(FOUND[0], 30), "立即更新")
+        s.dialog(DOWNLOADING[0])
+        # Something else fills the disk while the image downloads: half the new bundle is left.
+        with tarfile.open(PACKAGE) as image:
+            incoming = sum(entry.size for entry in image.getmembers())
+        disk = os.statvfs(apps)
+        subprocess.run(["fallocate", "-l", str(disk.f_bavail * disk.f_frsize - incoming // 2),
+                        f"{apps}/other"], check=True)
+        press(s.dialog(READY[0], 60), "立即重启")
+        self.assertEqual(s.app.wait(timeout=30), 0)
+        # The same version starts again, and tells why once.
+        new = wait_until(lambda: s.gateway_pids()[1:], 60, "a new gateway")[0]
+        with open(f"/proc/{new}/stat") as f:
+            s.pid = int(f.read().rsplit(")", 1)[1].split()[1])
+        log = f"{s.env['XDG_DATA_HOME']}/QOR Velmora/update.log"
+        dialog = s.dialog("更新失败", 60)
+        self.assertEqual(texts(dialog), ["更新失败", f"无法安装更新 {NEW}，已保留当前版本 {OLD}。"
+                                                   f"\n详细原因见 {log}。"])
+        self.assertEqual(titles(dialog), ["好"])
+        s.screenshot("update-failed")
+        press(dialog, "好")
+        self.assertEqual(digests(bundle), before, "the installed version, byte for byte")
+        self.assertEqual(sorted(os.listdir(apps)), ["QOR Velmora", "other"])
+        with open(log) as f:
+            self.assertRegex(f.read(), r"\ncopy FAILED: cannot copy the new version next to .*"
+                                       r"\n\[.*\] relaunched\n$")
+        self.assertEqual(os.listdir(s.env["TMPDIR"])[0][:12], "qor-install-")
+        self.assertEqual(len(os.listdir(s.env["TMPDIR"])), 1, "no image, no staging folder")
+        # Its automatic check asks again but offers nothing; the menu still offers the update.
+        wait_until(lambda: self.server.asked.count("/qor/latest.json") >= 2, 30, "a second check")
+        s.choose("QOR Velmora", "检查更新…")
+        self.assertEqual(texts(dialog := s.dialog(FOUND[0])), FOUND)
+        self.assertEqual(len(s.windows("dialog")), 1, "the automatic check offered it too")
+        press(dialog, "稍后")
+        os.kill(s.pid, signal.SIGTERM)
+        s.assert_quit_cleanly(self, pid=s.pid)
 
 
 if __name__ == "__main__":

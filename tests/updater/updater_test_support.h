@@ -114,6 +114,8 @@ class UpdaterTest : public ::testing::Test {
     bundle_ = root_ / "user's apps" / "QOR Velmora";
     std::filesystem::create_directories(temporary_);
     writeFile(bundle_ / "share" / "qor-velmora" / "APP_VERSION", "1.0.0\n");
+    std::filesystem::create_directories(bundle_ / "lib" / "qor-velmora");
+    std::filesystem::copy_file(EXCHANGE_TOOL, bundle_ / "lib" / "qor-velmora" / "qor-exchange");
     server_ = ChildProcess::launch({.executable = "/usr/bin/python3",
                                     .arguments = {UPDATE_SERVER_SCRIPT, root_},
                                     .output = OutputMode::discard})
@@ -152,6 +154,9 @@ class UpdaterTest : public ::testing::Test {
     writeFile(build / folder / "share" / "qor-velmora" / "APP_VERSION", "1.1.0\n");
     writeFile(program, "#!/bin/sh\necho started > \"${0%/*}/../started\"\n");
     std::filesystem::permissions(program, std::filesystem::perms(0755));
+    const auto tool = build / folder / "lib" / "qor-velmora" / "qor-exchange";
+    std::filesystem::create_directories(tool.parent_path());
+    std::filesystem::copy_file(EXCHANGE_TOOL, tool, std::filesystem::copy_options::skip_existing);
     if (!bytes.empty()) writeFile(archive, bytes);
     const auto pack =
         "[ -f \"$1\" ] || tar -czf \"$1\" -C \"$2\" \"$3\" && sha256sum \"$1\" >\"$2/sum\"";

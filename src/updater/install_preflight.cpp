@@ -1,0 +1,54 @@
+#include "updater/install_preflight.h"
+
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <system_error>
+
+namespace qor {
+namespace {
+
+// Room left beside the copy, so the update does not fill the disk to the brim.
+constexpr std::uintmax_t spaceMargin = 64u << 20;
+
+std::uintmax_t sizeOfFolder(const std::filesystem::path& folder) {
+  std::uintmax_t total = 0;
+  std::error_code ec;
+  for (std::filesystem::recursive_directory_iterator it(folder, ec), end; !ec && it != end;
+       it.increment(ec)) {
+    // Entries that cannot be read count as empty: this is an estimate.
+    std::error_code ignored;
+    if (it->is_regular_file(ignored) && !it->is_symlink(ignored)) {
+      const auto size = it->file_size(ignored);
+      if (!ignored) total += size;
+    }
+  }
+  return total;
+}
+
+}  // namespace
+
+bool canReplaceBundle(const std::filesystem::path& bundle) {
+  std::error_code ec;
+  if (std::filesystem::exists(bundle / "share" / "qor-velmora" / packageManagedMark, ec)) {
+    return false;
+  }
+  return access(bundle.c_str(), W_OK) == 0 && access(bundle.parent_path().c_str(), W_OK) == 0;
+}
+
+InstallPreflight checkInstallPreflight(const std::filesystem::path& bundle,
+                                       std::uintmax_t imageSize) {
+  if (!canReplaceBundle(bundle)) return {.outcome = InstallPreflight::Outcome::notReplaceable};
+  struct statvfs disk {};
+  // A filesystem that cannot be asked is not refused here: the script checks its copy.
+  if (statvfs(bundle.parent_path().c_str(), &disk) != 0) return {};
+  const std::uintmax_t available = std::uintmax_t(disk.f_bavail) * disk.f_frsize;
+  const std::uintmax_t needed = std::max(sizeOfFolder(bundle), imageSize) + spaceMargin;
+  if (available >= needed) return {};
+  return {.outcome = InstallPreflight::Outcome::lowSpace,
+          .neededBytes = needed,
+          .availableBytes = available};
+}
+
+}  // namespace qor

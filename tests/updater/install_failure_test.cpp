@@ -1,0 +1,264 @@
+// The install script run for real on real folders: a copy that cannot be
+// made or checked keeps the installed bundle byte for byte, a kill at any
+// point leaves a complete bundle at the bundle path, and the next start tells
+// of a failed install once.
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <map>
+
+#include "updater/install_script.h"
+#include "updater_test_support.h"
+
+namespace qor::testing {
+namespace {
+
+constexpr uid_t unprivileged = 65534;  // nobody
+
+// Every file and link below `folder` with its contents (or target) and mode.
+std::map<std::string, std::string> snapshotOf(const std::filesystem::path& folder) {
+  std::map<std::string, std::string> files;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+    const auto status = entry.symlink_status();
+    auto& described = files[std::filesystem::relative(entry.path(), folder)];
+    described = std::to_string(static_cast<int>(status.permissions())) + " ";
+    if (entry.is_symlink()) {
+      described += "-> " + std::filesystem::read_symlink(entry.path()).string();
+    } else if (entry.is_regular_file()) {
+      described += readFile(entry.path());
+    }
+  }
+  return files;
+}
+
+bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout = 20s) {
+  for (const auto end = std::chrono::steady_clock::now() + timeout; !done();) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+class InstallScriptRun : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string folder = (std::filesystem::temp_directory_path() / "qor-install-XXXXXX").string();
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    root_ = folder;
+    apps_ = root_ / "apps";
+    installed_ = apps_ / "QOR Velmora";
+    staging_ = root_ / "staging";
+    image_ = root_ / "qor-update-1.tar.gz";
+    support_ = root_ / "support";
+    started_ = root_ / "started";
+    // Open to the unprivileged user some cases run the script as.
+    std::filesystem::permissions(root_, std::filesystem::perms(0755));
+    std::filesystem::create_directories(apps_);
+    std::filesystem::create_directories(support_);
+  }
+  void TearDown() override {
+    if (mounted_) umount2(apps_.c_str(), MNT_DETACH);
+    std::filesystem::remove_all(root_);
+  }
+
+  // A bundle of `version` with `files` small files and the exchange tool; its program appends its version to root_/started.
+  void makeBundle(const std::filesystem::path& bundle, const std::string& version,
+                  int files = 3) const {
+    writeFile(bundle / "share" / "qor-velmora" / "APP_VERSION", version + "\n");
+    for (int i = 0; i < files; ++i) {
+      writeFile(bundle / "share" / "data" / std::to_string(i), version + std::string(100, 'a' + i % 26));
+    }
+    std::filesystem::create_directory_symlink("data", bundle / "share" / "link");
+    const auto program = bundle / "bin" / "qor-velmora";
+    writeFile(program, "#!/bin/sh\ncat \"${0%/*}/../share/qor-velmora/APP_VERSION\" >> " +
+                           shellQuoted(started_) + "\n");
+    std::filesystem::permissions(program, std::filesystem::perms(0755));
+    const auto tool = bundle / "lib" / "qor-velmora" / "qor-exchange";
+    std::filesystem::create_directories(tool.parent_path());
+    std::filesystem::copy_file(EXCHANGE_TOOL, tool);
+  }
+
+  // The installed 1.0.0, and 1.1.0 extracted into the staging folder.
+  void prepare(int files = 3) {
+    makeBundle(installed_, "1.0.0", files);
+    makeBundle(staging_ / "QOR Velmora", "1.1.0", files);
+    writeFile(image_, "image");
+  }
+
+  InstallScript script() const {
+    // A process that has ended, so the script does not wait.
+    const auto ended = ChildProcess::launch({"/bin/true"}).value();
+    ended->waitForExit();
+    return {.processId = ended->pid(),
+            .newBundle = staging_ / "QOR Velmora",
+            .destination = installed_,
+            .staging = staging_,
+            .image = image_,
+            .log = support_ / "update.log",
+            .version = "1.1.0",
+            .exchangeTool = installed_ / "lib" / "qor-velmora" / "qor-exchange",
+            .failureMark = support_ / "update-failed"};
+  }
+
+  std::filesystem::path write(const InstallScript& script) const {
+    const auto file = root_ / "install.sh";
+    EXPECT_TRUE(writeFileAtomically(file, script.text()));
+    std::filesystem::permissions(file, std::filesystem::perms(0755));
+    return file;
+  }
+
+  // Runs the script to its end, as `user` when given, and waits for the program it starts.
+  void run(const InstallScript& script, std::optional<uid_t> user = {}) const {
+    const auto file = write(script).string();
+    LaunchOptions options{"/bin/bash", {file}};
+    if (user) {
+      const auto id = std::to_string(*user);
+      options = {"/usr/bin/setpriv",
+                 {"--reuid=" + id, "--regid=" + id, "--clear-groups", "/bin/bash", file}};
+    }
+    EXPECT_EQ(ChildProcess::run(options).value(), 0);
+    EXPECT_TRUE(waitFor([&] { return readFile(started_).ends_with("\n"); }));
+  }
+
+  void mountSmallDisk(const char* size) {
+    ASSERT_EQ(mount("tmpfs", apps_.c_str(), "tmpfs", 0, ("size=" + std::string(size)).c_str()),
+              0)
+        << strerror(errno);
+    mounted_ = true;
+  }
+
+  std::filesystem::path root_;
+  std::filesystem::path apps_;       // the folder the bundle is installed in
+  std::filesystem::path installed_;  // the installed bundle
+  std::filesystem::path staging_;    // the folder the image was extracted into
+  std::filesystem::path image_;
+  std::filesystem::path support_;    // update.log and the failure mark
+  std::filesystem::path started_;    // each started program's version
+  bool mounted_ = false;
+};
+
+TEST_F(InstallScriptRun, AFailedInstallKeepsTheInstalledBundleAndLeavesTheVersionForTheNextStart) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root for a small disk and another user";
+  struct Case {
+    std::string name;
+    std::function<void(InstallScript&)> arrange;
+    std::string reason;
+    std::optional<uid_t> user;
+  };
+  const Case cases[] = {
+      {"a disk that fills up during the copy",
+       [this](InstallScript&) {
+         mountSmallDisk("2m");
+         prepare();
+         writeFile(staging_ / "QOR Velmora" / "share" / "large", std::string(3 << 20, 'x'));
+       },
+       "cannot copy the new version next to *"},
+      {"a folder the user cannot write",
+       [this](InstallScript&) {
+         prepare();
+         const auto owner = std::to_string(unprivileged) + ":" + std::to_string(unprivileged);
+         ASSERT_EQ(ChildProcess::run({"/bin/chown", {"-R", owner, root_}}).value(), 0);
+         std::filesystem::permissions(apps_, std::filesystem::perms(0555));
+       },
+       "cannot copy the new version next to *", unprivileged},
+      {"an image of another version",
+       [this](InstallScript& script) {
+         prepare();
+         script.version = "1.2.0";
+       },
+       "the copy's APP_VERSION is not 1.2.0"},
+      {"an image without the program",
+       [this](InstallScript&) {
+         prepare();
+         std::filesystem::remove(staging_ / "QOR Velmora" / "bin" / "qor-velmora");
+       },
+       "the copy has no executable bin/qor-velmora"},
+      {"a swap the filesystem refuses",
+       [this](InstallScript& script) {
+         prepare();
+         script.exchangeTool = "/bin/false";
+       },
+       "cannot swap the copy with *"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto script = this->script();
+    c.arrange(script);
+    const auto before = snapshotOf(installed_);
+    run(script, c.user);
+
+    EXPECT_EQ(snapshotOf(installed_), before);
+    EXPECT_EQ(entriesOf(apps_), std::set<std::string>{"QOR Velmora"}) << "no copy left";
+    EXPECT_PRED2(fits,
+                 "*] updating */QOR Velmora -> " + installed_.string() + "\n*copy FAILED: " +
+                     c.reason + "\n*] relaunched\n",
+                 readFile(script.log));
+    EXPECT_EQ(readFile(started_), "1.0.0\n");
+    EXPECT_EQ(readFile(script.failureMark), script.version + "\n");
+    EXPECT_EQ(std::filesystem::status(script.failureMark).permissions(),
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    EXPECT_FALSE(std::filesystem::exists(staging_));
+    EXPECT_FALSE(std::filesystem::exists(image_));
+
+    // The next case starts afresh.
+    std::filesystem::permissions(apps_, std::filesystem::perms(0755));
+    for (const auto& entry : std::filesystem::directory_iterator(root_)) {
+      if (entry.path() != apps_) std::filesystem::remove_all(entry.path());
+    }
+    if (mounted_) umount2(apps_.c_str(), MNT_DETACH), mounted_ = false;
+    std::filesystem::remove_all(apps_);
+    std::filesystem::create_directories(apps_);
+    std::filesystem::create_directories(support_);
+  }
+}
+
+TEST_F(InstallScriptRun, AKillAtAnyPointLeavesACompleteBundleThatTheNextUpdateReplaces) {
+  // Enough files that the copy and the removal take a while.
+  constexpr int files = 1000;
+  const auto log = support_ / "update.log";
+  const std::pair<std::string, std::function<bool()>> points[] = {
+      {"while copying",
+       [next = InstallScript{.destination = installed_}.nextBundle()] {
+         return std::filesystem::exists(next / "share");
+       }},
+      {"after the swap",
+       [&] { return readFile(installed_ / "share" / "qor-velmora" / "APP_VERSION") == "1.1.0\n"; }},
+      {"while removing the old bundle",
+       [&] { return readFile(log).find("copy OK") != std::string::npos; }},
+  };
+  for (const auto& [point, reached] : points) {
+    SCOPED_TRACE(point);
+    prepare(files);
+    const auto oldBundle = snapshotOf(installed_), newBundle = snapshotOf(staging_ / "QOR Velmora");
+    const auto running = ChildProcess::launch({.executable = "/bin/bash",
+                                               .arguments = {write(script())},
+                                               .output = OutputMode::discard,
+                                               .detached = true})
+                             .value();
+    ASSERT_TRUE(waitFor(reached));
+    ASSERT_TRUE(running->isRunning()) << "the point was passed while the script ran";
+    kill(-running->pid(), SIGKILL);  // the script and whatever it runs
+    running->waitForExit();
+
+    const auto now = snapshotOf(installed_);
+    EXPECT_TRUE(now == oldBundle || now == newBundle) << now.size() << " entries";
+    ASSERT_EQ(ChildProcess::run({installed_ / "bin" / "qor-velmora"}).value(), 0);
+    EXPECT_EQ(readFile(started_), readFile(installed_ / "share" / "qor-velmora" / "APP_VERSION"));
+
+    // The next update removes what the killed one left and completes.
+    std::filesystem::remove_all(staging_), std::filesystem::remove(started_);
+    makeBundle(staging_ / "QOR Velmora", "1.1.0", files);
+    run(script());
+    EXPECT_EQ(snapshotOf(installed_), newBundle);
+    EXPECT_EQ(entriesOf(apps_), std::set<std::string>{"QOR Velmora"});
+    EXPECT_PRED2(fits, "*\ncopy OK\n*] relaunched\n", readFile(log));
+    for (const auto& folder : {apps_, support_}) {
+      std::filesystem::remove_all(folder), std::filesystem::create_directories(folder);
+    }
+    std::filesystem::remove(started_);
+  }
+}
+
+}  // namespace
+}  // namespace qor::testing
