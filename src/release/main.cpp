@@ -32,8 +32,9 @@ linux-x64 and linux-arm64). Nothing is written when any input is inconsistent.
   --notes-file FILE      the same, read from a UTF-8 file
   --min-version VERSION  running versions below it must take the update
   --output FILE          the manifest to write (default: latest.json)
-  --signing-key FILE     also write its signature, FILE.sig, with this private key
-                         (as keygen makes it); updaters refuse unsigned manifests
+  --signing-key FILE     also write the manifest's signature (the output's name
+                         with .sig) with the private key FILE, as keygen makes it;
+                         updaters refuse manifests without one
 
 keygen writes a new signing key pair: the private key (readable by its owner
 only) and the public key, the text QOR_UPDATE_PUBLIC_KEYS takes. It never
@@ -96,17 +97,22 @@ int refuse(const std::string& description, int status) {
 }
 
 int keygen(const std::vector<std::string>& arguments) {
-  if (arguments.size() != 4 || arguments[0] != "--private-key" || arguments[2] != "--public-key") {
+  std::map<std::string, std::string> files;  // option -> file, either order
+  for (size_t i = 0; i + 1 < arguments.size(); i += 2) files[arguments[i]] = arguments[i + 1];
+  const auto privateKey = files.find("--private-key"), publicKey = files.find("--public-key");
+  if (arguments.size() != 4 || files.size() != 2 || privateKey == files.end() ||
+      publicKey == files.end()) {
     return refuse("keygen takes --private-key FILE --public-key FILE (see qor-release --help)",
                   exitUsage);
   }
   const auto key = qor::SigningKey::generate();
   if (!key) return refuse(key.error().description, exitRefused);
-  if (const auto saved = key->save(arguments[1], arguments[3]); !saved) {
+  if (const auto saved = key->save(privateKey->second, publicKey->second); !saved) {
     return refuse(saved.error().description, exitRefused);
   }
-  std::cout << "Wrote the private key " << arguments[1] << " (keep it offline) and the public key "
-            << arguments[3] << ":\n  " << key->publicKey() << "\n";
+  std::cout << "Wrote the private key " << privateKey->second
+            << " (keep it offline) and the public key " << publicKey->second << ":\n  "
+            << key->publicKey() << "\n";
   return 0;
 }
 

@@ -90,14 +90,15 @@ void Updater::check(bool silent) {
     const auto response =
         host.empty() ? Result<HttpResponse>(Error{httpsErrorDomain, 3, "unsupported URL: " + url})
                      : httpsGet(url, options);
-    // Only a manifest that came needs its signature; a failed request is
-    // reported as if none came.
-    const auto signature = response && response->status == 200
-                               ? httpsGet(url + manifestSignatureSuffix, options)
-                               : Result<HttpResponse>(HttpResponse{});
-    if (const auto self = weak.lock()) {
-      self->completeCheck(silent, response, signature ? *signature : HttpResponse{});
+    // Only a manifest that came needs its signature; an unanswered request
+    // for it leaves the signature missing.
+    HttpResponse signature;
+    if (response && response->status == 200) {
+      if (auto fetched = httpsGet(url + manifestSignatureSuffix, options)) {
+        signature = std::move(fetched).value();
+      }
     }
+    if (const auto self = weak.lock()) self->completeCheck(silent, response, signature);
   }).detach();
 }
 

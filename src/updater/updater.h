@@ -60,7 +60,8 @@ class Updater : public std::enable_shared_from_this<Updater> {
     pid_t processToAwait = 0;                  // for the install script; 0: this process
     double clockSpeed = 1.0;
     std::vector<std::string> trustedKeys = pinnedUpdateKeys();  // base64 Ed25519 public keys
-    std::function<void(const std::string&)> diagnostics;        // one line; empty: standard error
+    // Takes one line, on a request's thread; empty: standard error, "[updater] " first.
+    std::function<void(const std::string&)> diagnostics;
   };
 
   Updater(std::shared_ptr<MainThreadQueue> mainThread, std::shared_ptr<UpdaterDialogs> dialogs);

@@ -41,18 +41,20 @@ class ReleaseSigning : public ::testing::Test {
     return run(QOR_RELEASE, std::move(arguments));
   }
   ChildProcess::CapturedRun sign(const std::string& key, const std::string& output) {
-    return release({"--version", "1.1.0", "--base-url", "https://u.example/qor/",
-                    "--signing-key", key, "--output", output, image});
+    return release({"--version", "1.1.0", "--base-url", "https://u.example/qor/", "--signing-key",
+                    key, "--output", output, image});
   }
   std::string read(const fs::path& file) const { return readTextFile(folder / file).value_or(""); }
 };
 
 TEST_F(ReleaseSigning, KeygenSignAndTheUpdaterAccepts) {
-  const auto made = release({"keygen", "--private-key", "private.pem", "--public-key", "pub.txt"});
+  const auto made = release({"keygen", "--public-key", "pub.txt", "--private-key", "private.pem"});
   ASSERT_EQ(made.status, 0) << made.output;
   const auto publicKey = trimmed(read("pub.txt"));
-  EXPECT_EQ(made.output, "Wrote the private key private.pem (keep it offline) and the public "
-                         "key pub.txt:\n  " + publicKey + "\n");
+  EXPECT_EQ(made.output,
+            "Wrote the private key private.pem (keep it offline) and the public "
+            "key pub.txt:\n  " +
+                publicKey + "\n");
   EXPECT_EQ(fs::status(folder / "private.pem").permissions() & fs::perms::all,
             fs::perms::owner_read | fs::perms::owner_write);
   EXPECT_EQ(base64Decode(publicKey).value_or("").size(), ed25519PublicKeySize);
@@ -65,7 +67,13 @@ TEST_F(ReleaseSigning, KeygenSignAndTheUpdaterAccepts) {
     EXPECT_FALSE(fs::exists(folder / "other.pem") || fs::exists(folder / "other.txt"));
   }
   EXPECT_EQ(trimmed(read("pub.txt")), publicKey);
-  EXPECT_EQ(release({"keygen", "--private-key", "x.pem"}).status, 2);
+  for (const std::vector<std::string>& wrong :
+       {std::vector<std::string>{"keygen", "--private-key", "x.pem"},
+        {"keygen", "--private-key", "x.pem", "--private-key", "y.pem"},
+        {"keygen", "--private-key", "x.pem", "--public", "y.pub"}}) {
+    EXPECT_EQ(release(wrong).status, 2);
+  }
+  EXPECT_FALSE(fs::exists(folder / "x.pem"));
 
   const auto signed_ = sign("private.pem", "latest.json");
   ASSERT_EQ(signed_.status, 0) << signed_.output;
