@@ -111,7 +111,7 @@ int keygen(const std::vector<std::string>& arguments) {
     return refuse(saved.error().description, exitRefused);
   }
   std::cout << "Wrote the private key " << privateKey->second
-            << " (keep it offline) and the public key " << publicKey->second << ":\n  "
+            << " (keep it secret) and the public key " << publicKey->second << ":\n  "
             << key->publicKey() << "\n";
   return 0;
 }

@@ -52,7 +52,7 @@ TEST_F(ReleaseSigning, KeygenSignAndTheUpdaterAccepts) {
   ASSERT_EQ(made.status, 0) << made.output;
   const auto publicKey = trimmed(read("pub.txt"));
   EXPECT_EQ(made.output,
-            "Wrote the private key private.pem (keep it offline) and the public "
+            "Wrote the private key private.pem (keep it secret) and the public "
             "key pub.txt:\n  " +
                 publicKey + "\n");
   EXPECT_EQ(fs::status(folder / "private.pem").permissions() & fs::perms::all,
