@@ -1,5 +1,6 @@
 // qor-release: writes the update manifest (latest.json) that announces a
-// release's update images. A developer's tool; it is not part of the bundle.
+// release's update images, with its signature, and makes signing keys. A
+// developer's tool; it is not part of the bundle.
 #include <filesystem>
 #include <iostream>
 #include <map>
@@ -10,12 +11,14 @@
 #include "base/files.h"
 #include "base/text.h"
 #include "release/release_manifest.h"
+#include "release/signing_key.h"
 
 namespace {
 
 constexpr const char* usage =
     R"(Usage: qor-release --version VERSION --base-url URL [--notes TEXT | --notes-file FILE]
-                   [--min-version VERSION] [--output FILE] IMAGE...
+                   [--min-version VERSION] [--output FILE] [--signing-key FILE] IMAGE...
+       qor-release keygen --private-key FILE --public-key FILE
 
 Writes the update manifest announcing the update images IMAGE..., one per
 platform, each named QOR-Velmora-<version>-<platform key>.tar.gz (platform keys
@@ -29,6 +32,13 @@ linux-x64 and linux-arm64). Nothing is written when any input is inconsistent.
   --notes-file FILE      the same, read from a UTF-8 file
   --min-version VERSION  running versions below it must take the update
   --output FILE          the manifest to write (default: latest.json)
+  --signing-key FILE     also write the manifest's signature (the output's name
+                         with .sig) with the private key FILE, as keygen makes it;
+                         updaters refuse manifests without one
+
+keygen writes a new signing key pair: the private key (readable by its owner
+only) and the public key, the text QOR_UPDATE_PUBLIC_KEYS takes. It never
+replaces an existing file.
 
 Exit status: 0 written, 1 refused, 2 bad command line.
 )";
@@ -37,7 +47,7 @@ constexpr int exitRefused = 1;
 constexpr int exitUsage = 2;
 
 struct Options {
-  std::optional<std::string> version, baseUrl, notes, notesFile, minVersion, output;
+  std::optional<std::string> version, baseUrl, notes, notesFile, minVersion, output, signingKey;
   std::vector<std::string> images;
   bool help = false;
 };
@@ -53,7 +63,8 @@ qor::Result<Options> parseArguments(const std::vector<std::string>& arguments) {
       {"--notes", &Options::notes},
       {"--notes-file", &Options::notesFile},
       {"--min-version", &Options::minVersion},
-      {"--output", &Options::output}};
+      {"--output", &Options::output},
+      {"--signing-key", &Options::signingKey}};
   Options options;
   for (size_t i = 0; i < arguments.size(); ++i) {
     const std::string& argument = arguments[i];
@@ -85,9 +96,30 @@ int refuse(const std::string& description, int status) {
   return status;
 }
 
+int keygen(const std::vector<std::string>& arguments) {
+  std::map<std::string, std::string> files;  // option -> file, either order
+  for (size_t i = 0; i + 1 < arguments.size(); i += 2) files[arguments[i]] = arguments[i + 1];
+  const auto privateKey = files.find("--private-key"), publicKey = files.find("--public-key");
+  if (arguments.size() != 4 || files.size() != 2 || privateKey == files.end() ||
+      publicKey == files.end()) {
+    return refuse("keygen takes --private-key FILE --public-key FILE (see qor-release --help)",
+                  exitUsage);
+  }
+  const auto key = qor::SigningKey::generate();
+  if (!key) return refuse(key.error().description, exitRefused);
+  if (const auto saved = key->save(privateKey->second, publicKey->second); !saved) {
+    return refuse(saved.error().description, exitRefused);
+  }
+  std::cout << "Wrote the private key " << privateKey->second
+            << " (keep it secret) and the public key " << publicKey->second << ":\n  "
+            << key->publicKey() << "\n";
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 1 && argv[1] == std::string_view("keygen")) return keygen({argv + 2, argv + argc});
   const auto options = parseArguments({argv + 1, argv + argc});
   if (!options) {
     return refuse(options.error().description + " (see qor-release --help)", exitUsage);
@@ -107,9 +139,17 @@ int main(int argc, char** argv) {
     request.notes = qor::trimmed(*text);
   }
   const std::filesystem::path output = options->output.value_or("latest.json");
-  const auto manifest = qor::writeReleaseManifest(request, output);
+  std::optional<qor::SigningKey> signingKey;
+  if (options->signingKey) {
+    auto key = qor::SigningKey::load(*options->signingKey);
+    if (!key) return refuse(key.error().description, exitRefused);
+    signingKey = std::move(key).value();
+  }
+  const auto manifest = signingKey ? qor::writeSignedReleaseManifest(request, output, *signingKey)
+                                   : qor::writeReleaseManifest(request, output);
   if (!manifest) return refuse(manifest.error().description, exitRefused);
-  std::cout << "Wrote " << output.string() << " for version " << manifest->version << ":\n";
+  std::cout << "Wrote " << output.string() << (signingKey ? " and its signature" : "")
+            << " for version " << manifest->version << ":\n";
   for (const auto& [key, asset] : manifest->platforms) {
     std::cout << "  " << key << "  " << asset.url << "  " << *asset.size << " bytes\n";
   }

@@ -12,6 +12,8 @@ inline constexpr const char* noResponse = "更新服务无响应。";
 inline constexpr const char* unavailableBefore = "更新服务暂时不可用（HTTP ";
 inline constexpr const char* unavailableAfter = "）。";
 inline constexpr const char* undecodableBefore = "更新清单解析失败：";
+// Under blockedTitle: a manifest not signed by a trusted key.
+inline constexpr const char* unsignedManifest = "更新清单的签名缺失或无效。";
 inline constexpr const char* cannotUpdateTitle = "无法更新";
 inline constexpr const char* noAssetBefore = "没有适配当前芯片架构（";
 inline constexpr const char* noAssetAfter = "）的安装包。";

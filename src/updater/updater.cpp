@@ -2,6 +2,7 @@
 // of a check and the dialogs that report them.
 #include "updater/updater.h"
 
+#include <cstdio>
 #include <thread>
 
 #include "base/bundle.h"
@@ -27,6 +28,11 @@ Updater::Settings withDefaults(Updater::Settings settings) {
   if (settings.temporaryDirectory.empty()) settings.temporaryDirectory = systemTemporaryDirectory();
   if (settings.bundleRoot.empty()) settings.bundleRoot = bundleRoot();
   if (settings.supportDirectory.empty()) settings.supportDirectory = userDataDirectory();
+  if (!settings.diagnostics) {
+    settings.diagnostics = [](const std::string& line) {
+      std::fputs(("[updater] " + line + "\n").c_str(), stderr);
+    };
+  }
   return settings;
 }
 
@@ -86,12 +92,21 @@ void Updater::check(bool silent) {
     const auto response =
         host.empty() ? Result<HttpResponse>(Error{httpsErrorDomain, 3, "unsupported URL: " + url})
                      : httpsGet(url, options);
-    if (const auto self = weak.lock()) self->completeCheck(silent, response);
+    // Only a manifest that came needs its signature; an unanswered request
+    // for it leaves the signature missing.
+    HttpResponse signature;
+    if (response && response->status == 200) {
+      if (auto fetched = httpsGet(url + manifestSignatureSuffix, options)) {
+        signature = std::move(fetched).value();
+      }
+    }
+    if (const auto self = weak.lock()) self->completeCheck(silent, response, signature);
   }).detach();
 }
 
 // On the request's thread. Decides with the `silent` of its own check.
-void Updater::completeCheck(bool silent, const Result<HttpResponse>& response) {
+void Updater::completeCheck(bool silent, const Result<HttpResponse>& response,
+                            const HttpResponse& signature) {
   const auto report = [this, silent](std::string text) {
     if (silent) return;
     onMain(
@@ -107,6 +122,16 @@ void Updater::completeCheck(bool silent, const Result<HttpResponse>& response) {
   }
   if (response->status != 200 || response->body.empty()) {
     report(texts::unavailableBefore + std::to_string(response->status) + texts::unavailableAfter);
+    return;
+  }
+  const auto verified = verifyManifestSignature(
+      response->body, signature.status == 200 ? signature.body : std::string(),
+      settings_.trustedKeys);
+  if (!verified) {
+    settings_.diagnostics("update blocked: " + verified.error().description);
+    if (!silent) {
+      onMain([](Updater& self) { self.showInfo(texts::blockedTitle, texts::unsignedManifest); });
+    }
     return;
   }
   auto manifest = decodeManifest(response->body);

@@ -1,8 +1,10 @@
 // Updater keeps the application up to date: it fetches the update manifest
-// from the update server, tells the user what it found, downloads the image
-// for this machine from the trusted host, verifies it (SHA-256, then size),
-// extracts it into a private staging folder and hands over to a detached
-// install script that replaces the bundle after the application has quit.
+// and its signature from the update server, refuses a manifest that is not
+// signed by a key pinned in the application, tells the user what it found,
+// downloads the image for this machine from the trusted host, verifies it
+// (SHA-256, then size), extracts it into a private staging folder and hands
+// over to a detached install script that replaces the bundle after the
+// application has quit.
 //
 // Threads: the owner and the dialogs use the UI thread. Manifest requests,
 // downloads, timers, hashing and extraction run on background threads and
@@ -24,11 +26,13 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/error.h"
 #include "base/http_client.h"
 #include "base/main_thread_queue.h"
 #include "base/scaled_clock.h"
+#include "updater/manifest_signature.h"
 #include "updater/qor_manifest.h"
 #include "updater/update_config.h"
 #include "updater/updater_dialogs.h"
@@ -55,6 +59,9 @@ class Updater : public std::enable_shared_from_this<Updater> {
     std::string machineName;                   // empty: this machine's (uname)
     pid_t processToAwait = 0;                  // for the install script; 0: this process
     double clockSpeed = 1.0;
+    std::vector<std::string> trustedKeys = pinnedUpdateKeys();  // base64 Ed25519 public keys
+    // Takes one line, on a request's thread; empty: standard error, "[updater] " first.
+    std::function<void(const std::string&)> diagnostics;
   };
 
   Updater(std::shared_ptr<MainThreadQueue> mainThread, std::shared_ptr<UpdaterDialogs> dialogs);
@@ -93,7 +100,8 @@ class Updater : public std::enable_shared_from_this<Updater> {
 
   // Checking (updater.cpp).
   void check(bool silent);
-  void completeCheck(bool silent, const Result<HttpResponse>& response);
+  void completeCheck(bool silent, const Result<HttpResponse>& response,
+                     const HttpResponse& signature);
   void applyManifest(QorManifest manifest);
   void showPackageManaged();
   void showInfo(const std::string& title, const std::string& text);

@@ -1,16 +1,19 @@
 """An update end to end on a local HTTPS server, with the update image `make package` makes and
-the manifest the release tool writes for it; a tampered image refused; a disk that fills up during
-the install keeps the installed version and the next start says so."""
+the manifest the release tool writes and signs for it; a tampered image refused; a disk that fills
+up during the install keeps the installed version and the next start says so."""
 
-import glob, hashlib, http.server, os, shutil, signal, ssl, subprocess, tarfile, tempfile
+import glob, hashlib, http.server, os, pathlib, shutil, signal, ssl, subprocess, tarfile, tempfile
 import threading
 import time, unittest
 
 from harness import (BUNDLE, Session, bundle_file, find_all, pid_alive, port_listening, press,
                      texts, titles, wait_until)
 
-# The shell built to update from localhost:PORT; it trusts the authority at CA, made here.
+# The shell built to update from localhost:PORT; it trusts the authority at CA, made here, and
+# manifests signed with KEYS/first.pem or KEYS/second.pem, made when the build was configured.
 SHELL, CA = os.environ["QOR_E2E_UPDATE_SHELL"], os.environ["QOR_E2E_UPDATE_CA"]
+KEYS, RELEASE = os.environ["QOR_E2E_UPDATE_KEYS"], os.environ["QOR_E2E_RELEASE_TOOL"]
+MANIFEST, SIGNATURE = "/qor/latest.json", "/qor/latest.json.sig"
 PORT, NOTES = int(os.environ["QOR_E2E_UPDATE_PORT"]), "修复"
 # The packaged release, offered to an installation one version older.
 NEW, OLD = bundle_file(BUNDLE, "APP_VERSION"), "0.9.0"
@@ -46,6 +49,15 @@ def digests(folder):  # every file below `folder` by its SHA-256, links by their
     return found
 
 
+def publish(key):  # the manifest and its signature, as the release tool writes them with `key`
+    with tempfile.TemporaryDirectory() as folder:
+        subprocess.run([RELEASE, "--version", NEW, "--base-url", f"https://localhost:{PORT}/qor/",
+                        "--notes", NOTES, "--signing-key", key, "--output",
+                        f"{folder}/latest.json", PACKAGE], check=True, capture_output=True)
+        return {path: pathlib.Path(folder, os.path.basename(path)).read_bytes()
+                for path in (MANIFEST, SIGNATURE)}
+
+
 def stage(folder, version):  # a copy of the staged bundle with the update-enabled shell
     shutil.copytree(BUNDLE, bundle := os.path.join(folder, "QOR Velmora"), symlinks=True)
     shutil.copy2(SHELL, f"{bundle}/bin/qor-velmora")
@@ -54,7 +66,7 @@ def stage(folder, version):  # a copy of the staged bundle with the update-enabl
     return bundle
 
 
-class UpdateTest(unittest.TestCase):
+class UpdateHost(unittest.TestCase):  # the server, and older bundles that update from it
     @classmethod
     def setUpClass(cls):
         os.makedirs(folder := os.path.dirname(CA), exist_ok=True)
@@ -74,12 +86,7 @@ class UpdateTest(unittest.TestCase):
         cls.addClassCleanup(cls.server.shutdown)
         with open(PACKAGE, "rb") as f:
             cls.image = f.read()
-        with tempfile.TemporaryDirectory() as folder:
-            subprocess.run([os.environ["QOR_E2E_RELEASE_TOOL"], "--version", NEW, "--base-url",
-                            f"https://localhost:{PORT}/qor/", "--notes", NOTES, "--output",
-                            f"{folder}/latest.json", PACKAGE], check=True)
-            with open(f"{folder}/latest.json", "rb") as f:
-                cls.manifest = f.read()
+        cls.published = publish(f"{KEYS}/first.pem")
 
     def start(self, name, files, pause=0.0):  # an older bundle in a folder of its own, running
         self.server.files, self.server.asked, self.server.pause = files, [], pause
@@ -89,11 +96,13 @@ class UpdateTest(unittest.TestCase):
         s.wait_ready()
         return s, bundle
 
+
+class UpdateTest(UpdateHost):
     def test_update_installs_and_relaunches(self):
         s, bundle = self.start("update", {})
         # The automatic check asks 3 s after launch; its failure shows nothing.
-        wait_until(lambda: "/qor/latest.json" in self.server.asked, 15, "the automatic check")
-        self.server.files = {"/qor/latest.json": self.manifest, IMAGE: self.image}
+        wait_until(lambda: MANIFEST in self.server.asked, 15, "the automatic check")
+        self.server.files = {**self.published, IMAGE: self.image}
         s.choose("QOR Velmora", "检查更新…")
         self.assertEqual(titles(dialog := s.dialog()), ["稍后", "立即更新"])
         self.assertEqual(texts(dialog), FOUND)
@@ -120,8 +129,8 @@ class UpdateTest(unittest.TestCase):
     def test_tampered_image_is_refused(self):
         tampered = bytearray(self.image)
         tampered[len(tampered) // 2] ^= 0xFF
-        s, bundle = self.start("update-tampered", {"/qor/latest.json": self.manifest,
-                                                   IMAGE: bytes(tampered)}, pause=2)
+        s, bundle = self.start("update-tampered", {**self.published, IMAGE: bytes(tampered)},
+                               pause=2)
         # The automatic check finds the update by itself this time.
         self.assertEqual(texts(dialog := s.dialog(timeout=30)), FOUND)
         press(dialog, "立即更新")
@@ -144,7 +153,7 @@ class UpdateTest(unittest.TestCase):
 
     def test_a_disk_that_fills_up_during_the_install_keeps_the_installed_version(self):
         self.server.files, self.server.asked, self.server.pause = (
-            {"/qor/latest.json": self.manifest, IMAGE: self.image}, [], 2)
+            {**self.published, IMAGE: self.image}, [], 2)
         s = Session("update-full-disk")
         # The bundle on a small disk of its own, with room for the update's copy at first.
         apps = f"{s.root}/apps"
@@ -186,7 +195,7 @@ class UpdateTest(unittest.TestCase):
         self.assertEqual(os.listdir(s.env["TMPDIR"])[0][:12], "qor-install-")
         self.assertEqual(len(os.listdir(s.env["TMPDIR"])), 1, "no image, no staging folder")
         # Its automatic check asks again but offers nothing; the menu still offers the update.
-        wait_until(lambda: self.server.asked.count("/qor/latest.json") >= 2, 30, "a second check")
+        wait_until(lambda: self.server.asked.count(MANIFEST) >= 2, 30, "a second check")
         s.choose("QOR Velmora", "检查更新…")
         self.assertEqual(texts(dialog := s.dialog(FOUND[0])), FOUND)
         self.assertEqual(len(s.windows("dialog")), 1, "the automatic check offered it too")

@@ -1,5 +1,6 @@
-// Scaffolding for the updater tests: a real HTTPS server (update_server.py), and an installed
-// bundle and a temporary folder whose paths hold a space and a "'".
+// Scaffolding for the updater tests: a real HTTPS server (update_server.py) publishing manifests
+// signed with a throw-away key the updaters trust, and an installed bundle and a temporary folder
+// whose paths hold a space and a "'".
 #pragma once
 
 #include <fnmatch.h>
@@ -13,6 +14,7 @@
 
 #include "base/child_process.h"
 #include "base/files.h"
+#include "release/signing_key.h"
 #include "updater/updater.h"
 
 namespace qor::testing {
@@ -135,13 +137,22 @@ class UpdaterTest : public ::testing::Test {
                                .bundleRoot = bundle_,
                                .supportDirectory = root_ / "support",
                                .machineName = "x86_64",
-                               .clockSpeed = 10.0};
+                               .clockSpeed = 10.0,
+                               .trustedKeys = {signingKey_.publicKey()}};
     if (change) change(settings);
     return std::make_shared<Updater>(ui_, ui_, settings);
   }
 
   std::string url(const std::string& path) const { return "https://" + host_ + path; }
-  void route(const json& routes) const {  // whole, since the server may read it at any time
+  // Whole, since the server may read it at any time. A manifest routed with a body is signed
+  // with the trusted key unless the routes give its signature too.
+  void route(json routes) const {
+    const auto manifest = routes.find("/qor/latest.json");
+    if (manifest != routes.end() && manifest->contains("body") &&
+        !routes.contains("/qor/latest.json.sig")) {
+      routes["/qor/latest.json.sig"] = {
+          {"body", signingKey_.signatureFor((*manifest)["body"].get<std::string>())}};
+    }
     EXPECT_TRUE(writeFileAtomically(root_ / "routes.json", routes.dump()));
   }
 
@@ -169,8 +180,9 @@ class UpdaterTest : public ::testing::Test {
 
   // Offers `asset` as 1.1.0 for this machine and accepts the update.
   void acceptUpdate(Updater& updater, const json& asset) {
-    writeFile(root_ / "qor" / "latest.json",
-              json{{"version", "1.1.0"}, {"platforms", {{"linux-x64", asset}}}}.dump());
+    const auto manifest = json{{"version", "1.1.0"}, {"platforms", {{"linux-x64", asset}}}}.dump();
+    writeFile(root_ / "qor" / "latest.json", manifest);
+    writeFile(root_ / "qor" / "latest.json.sig", signingKey_.signatureFor(manifest));
     ui_->answer = 0;
     updater.checkForUpdates();
   }
@@ -180,6 +192,7 @@ class UpdaterTest : public ::testing::Test {
   std::filesystem::path bundle_;     // the installed bundle
   std::string host_;
   std::shared_ptr<TestUI> ui_ = std::make_shared<TestUI>();
+  const SigningKey signingKey_ = SigningKey::generate().value();
   std::shared_ptr<ChildProcess> server_;
 };
 
