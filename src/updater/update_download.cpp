@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "updater/random_uuid.h"
+#include "updater/transport_failure_text.h"
 #include "updater/update_texts.h"
 #include "updater/updater.h"
 #include "updater/url_parts.h"
@@ -97,7 +98,7 @@ void Updater::downloadEnded(unsigned generation, Result<std::filesystem::path> f
     if (file) removeQuietly(*file);
     cleanupDmg();
     if (!cancelled && !HttpsDownload::isCancellation(file.error())) {
-      showInfo(texts::failedTitle, file.error().description);
+      showInfo(texts::failedTitle, transportFailureText(file.error()));
     }
     return;
   }
