@@ -3,6 +3,7 @@
 #include <glib-unix.h>
 
 #include <csignal>
+#include <vector>
 
 #include "app/gtk_updater_dialogs.h"
 #include "app/main_menu.h"
@@ -16,7 +17,6 @@ constexpr const char* bootText = "Starting QOR Velmora…";
 constexpr int windowWidth = 1280;
 constexpr int windowHeight = 820;
 constexpr int bootLabelPoints = 15;
-constexpr const char* iconName = "org.qor.Velmora";
 
 }  // namespace
 
@@ -69,11 +69,11 @@ gboolean AppDelegate::onCloseRequest(GtkWindow*, gpointer self) {
 }
 
 void AppDelegate::applicationDidFinishLaunching() {
-  GObjectPtr<GMenuModel> menu = buildMainMenu(app_);
-  gtk_application_set_menubar(app_, menu.get());
   buildWindow();
   updater_ =
       std::make_shared<Updater>(mainThread_, std::make_shared<GtkUpdaterDialogs>(window_.get()));
+  GObjectPtr<GMenuModel> menu = buildMainMenu(app_, updater_->updatesConfigured());
+  gtk_application_set_menubar(app_, menu.get());
   // The normal way out, so the gateway is stopped before the install script
   // replaces the bundle.
   updater_->terminateApplication = [app = app_] { g_application_quit(G_APPLICATION(app)); };
@@ -126,7 +126,7 @@ void AppDelegate::buildWindow() {
   // copy is found the usual way too.
   gtk_icon_theme_add_search_path(gtk_icon_theme_get_for_display(gdk_display_get_default()),
                                  (bundleRoot() / "share" / "icons").c_str());
-  gtk_window_set_default_icon_name(iconName);
+  gtk_window_set_default_icon_name(applicationId);
   window_ = GObjectPtr<GtkWindow>::retain(GTK_WINDOW(gtk_application_window_new(app_)));
   gtk_application_window_set_show_menubar(GTK_APPLICATION_WINDOW(window_.get()), true);
   gtk_window_set_default_size(window_.get(), windowWidth, windowHeight);
@@ -174,8 +174,10 @@ void AppDelegate::installActions() {
   };
   g_action_map_add_action_entries(G_ACTION_MAP(app_), applicationActions,
                                   G_N_ELEMENTS(applicationActions), this);
-  for (const char* unsupported : {"hide-others", "unhide-all"}) {
-    GAction* action = g_action_map_lookup_action(G_ACTION_MAP(app_), unsupported);
+  std::vector<const char*> unsupported = {"hide-others", "unhide-all"};
+  if (!updater_->updatesConfigured()) unsupported.push_back("check-for-updates");
+  for (const char* name : unsupported) {
+    GAction* action = g_action_map_lookup_action(G_ACTION_MAP(app_), name);
     g_simple_action_set_enabled(G_SIMPLE_ACTION(action), false);
   }
 
@@ -208,7 +210,7 @@ void AppDelegate::onAbout(GSimpleAction*, GVariant*, gpointer self) {
   const std::string version = delegate->updater_->currentVersion();
   GtkWindow* parent = delegate->window_.get();
   gtk_show_about_dialog(parent, "program-name", productName, "version", version.c_str(),
-                        "logo-icon-name", iconName, nullptr);
+                        "logo-icon-name", applicationId, nullptr);
 }
 
 // Desktops have no "hide application"; minimising is the nearest thing.

@@ -2,14 +2,14 @@
 
 import re, subprocess, time, unittest
 
-from harness import (Session, find_all, port_listening, press, states, texts, titles,
-                     wait_until, xdotool)
+from harness import (BUNDLE, Session, find_all, port_listening, press, states, texts, titles,
+                     transient, wait_until, xdotool)
 
-BOOT = "Starting QOR Velmora…"
+BOOT, APP_ID = "Starting QOR Velmora…", "org.qor.Velmora"
 STALE = ("import signal, socket, time; signal.signal(signal.SIGTERM, signal.SIG_IGN); s = "
          "socket.create_server(('127.0.0.1', 8088)); time.sleep(600)")  # ignores SIGTERM
 MENUS = {  # per item: title, shortcut, whether it is sensitive; None per separator
-    "QOR Velmora": [("关于 QOR Velmora", "", 1), None, ("检查更新…", "", 1), None,
+    "QOR Velmora": [("关于 QOR Velmora", "", 1), None, ("此版本未配置更新", "", 0), None,
                     ("隐藏 QOR Velmora", "Ctrl+H", 1), ("隐藏其他", "Ctrl+Alt+H", 0),
                     ("全部显示", "", 0), None, ("退出 QOR Velmora", "Ctrl+Q", 1)],
     "编辑": [("撤销", "Ctrl+Z", 1), ("重做", "Shift+Ctrl+Z", 1), None, ("剪切", "Ctrl+X", 1),
@@ -39,6 +39,11 @@ def entries(menu):  # per item (title, shortcut, sensitive), None per separator
             for n in items if n.getRoleName() in ("menu item", "separator")]
 
 
+def xprop(window, name):  # a property's value as xprop prints it
+    output = subprocess.run(["xprop", "-id", window, name], capture_output=True, text=True).stdout
+    return output.partition(" = ")[2].strip()
+
+
 class WindowTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -59,6 +64,10 @@ class WindowTest(unittest.TestCase):
         box = frame.queryComponent().getExtents(1)
         self.assertEqual((frame.name, box.width, box.height), ("QOR Velmora", 1280, 820))
         self.assertEqual((s.boot_label(), self.webview_visible()), (BOOT, False))
+        # The desktop matches the window to its launcher by the window's class.
+        launcher = open(f"{BUNDLE}/share/applications/{APP_ID}.desktop").read()
+        self.assertIn(f"\nStartupWMClass={APP_ID}\n", launcher)
+        self.assertEqual(xprop(s.window_id(), "WM_CLASS"), f'"{APP_ID}", "{APP_ID}"')
         s.screenshot("startup-boot-screen")
         # The sweep kills the stale gateway; ours then boots slowly while the label counts.
         wait_until(lambda: stale.poll() == -9, 15, "the stale gateway to end by SIGKILL")
@@ -98,6 +107,10 @@ class WindowTest(unittest.TestCase):
                 # (for a prompt the field has it, 280 × 24, 8 pixels below the prompt line).
                 buttons = ["好"] if expected[0] == "QOR Velmora" else ["取消", "确定"]
                 self.assertEqual(titles(dialog), buttons)
+                dialog_window = wait_until(lambda: [w for w in xdotool(
+                    "search", "--onlyvisible", "--pid", str(s.pid)).split() if transient(w)],
+                    10, "the dialog's X window")[0]
+                self.assertEqual(xprop(dialog_window, "_NET_WM_NAME"), '"QOR Velmora"')
                 field = find_all(dialog, role="text")
                 focus = (field or find_all(dialog, role="push button", name=buttons[-1]))[0]
                 self.assertIn("focused", states(focus))
