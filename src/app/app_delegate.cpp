@@ -2,21 +2,37 @@
 
 #include <glib-unix.h>
 
+#include <algorithm>
 #include <csignal>
+#include <utility>
 #include <vector>
 
 #include "app/gtk_updater_dialogs.h"
 #include "app/main_menu.h"
 #include "app/product_name.h"
+#include "app/window_state.h"
 #include "base/bundle.h"
 
 namespace qor {
 namespace {
 
 constexpr const char* bootText = "Starting QOR Velmora…";
-constexpr int windowWidth = 1280;
-constexpr int windowHeight = 820;
 constexpr int bootLabelPoints = 15;
+
+// The largest monitor's size: a saved size that fits none is not restored.
+std::pair<int, int> largestMonitorSize(GdkDisplay* display) {
+  GListModel* monitors = gdk_display_get_monitors(display);
+  int width = 0, height = 0;
+  for (guint index = 0; index < g_list_model_get_n_items(monitors); ++index) {
+    auto monitor =
+        GObjectPtr<GdkMonitor>::adopt(GDK_MONITOR(g_list_model_get_item(monitors, index)));
+    GdkRectangle area;
+    gdk_monitor_get_geometry(monitor.get(), &area);
+    width = std::max(width, area.width);
+    height = std::max(height, area.height);
+  }
+  return {width, height};
+}
 
 }  // namespace
 
@@ -64,7 +80,9 @@ gboolean AppDelegate::onUnixSignal(gpointer self) {
 // Closing the main window ends the application, whatever other windows
 // (an inspector, an about box) are open.
 gboolean AppDelegate::onCloseRequest(GtkWindow*, gpointer self) {
-  g_application_quit(G_APPLICATION(static_cast<AppDelegate*>(self)->app_));
+  auto* delegate = static_cast<AppDelegate*>(self);
+  delegate->saveWindowState();
+  g_application_quit(G_APPLICATION(delegate->app_));
   return false;
 }
 
@@ -118,7 +136,20 @@ void AppDelegate::applicationShouldHandleReopen() {
 // The signal watches stay: a second SIGTERM while the gateway is being
 // stopped is then held back instead of killing the shell halfway.
 void AppDelegate::applicationWillTerminate() {
+  // A window closed by its close button has already saved its state.
+  if (window_ && gtk_widget_get_visible(GTK_WIDGET(window_.get()))) saveWindowState();
   sidecar_->stop();
+}
+
+// The size it would have unmaximised, as GTK keeps it, so that a maximised
+// window comes back maximised over its old size.
+void AppDelegate::saveWindowState() {
+  WindowState state;
+  gtk_window_get_default_size(window_.get(), &state.width, &state.height);
+  state.maximized = gtk_window_is_maximized(window_.get());
+  if (const auto saved = writeWindowState(windowStateFile(), state); !saved) {
+    g_printerr("%s\n", saved.error().description.c_str());
+  }
 }
 
 void AppDelegate::buildWindow() {
@@ -129,7 +160,11 @@ void AppDelegate::buildWindow() {
   gtk_window_set_default_icon_name(applicationId);
   window_ = GObjectPtr<GtkWindow>::retain(GTK_WINDOW(gtk_application_window_new(app_)));
   gtk_application_window_set_show_menubar(GTK_APPLICATION_WINDOW(window_.get()), true);
-  gtk_window_set_default_size(window_.get(), windowWidth, windowHeight);
+  const auto [screenWidth, screenHeight] = largestMonitorSize(gdk_display_get_default());
+  const WindowState state =
+      fitWindowState(readWindowState(windowStateFile()), screenWidth, screenHeight);
+  gtk_window_set_default_size(window_.get(), state.width, state.height);
+  if (state.maximized) gtk_window_maximize(window_.get());
   gtk_window_set_title(window_.get(), productName);
 
   bootLabel_ = GObjectPtr<GtkLabel>::retain(GTK_LABEL(gtk_label_new(bootText)));

@@ -52,6 +52,7 @@ class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
   void applicationShouldHandleReopen();
   void applicationWillTerminate();
   void buildWindow();
+  void saveWindowState();
   void buildWebView(const Result<CreateWebContent>& module);
   void installActions();
   void showStatus(const std::string& text);

@@ -1,6 +1,8 @@
 // File helpers: whole-file reads and crash-safe writes.
 #pragma once
 
+#include <sys/types.h>
+
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -14,7 +16,8 @@ namespace qor {
 std::optional<std::string> readTextFile(const std::filesystem::path& path);
 
 // Writes through a temporary file in the same folder and renames it into
-// place, so readers never see a half-written file.
-Result<> writeFileAtomically(const std::filesystem::path& path, std::string_view contents);
+// place, so readers never see a half-written file. The file gets `mode`.
+Result<> writeFileAtomically(const std::filesystem::path& path, std::string_view contents,
+                             mode_t mode = 0644);
 
 }  // namespace qor
