@@ -18,6 +18,7 @@ namespace {
 
 constexpr const char* bootText = "Starting QOR Velmora…";
 constexpr int bootLabelPoints = 15;
+constexpr guint firstFrameWaitMilliseconds = 2000;
 
 // The largest monitor's size: a saved size that fits none is not restored.
 std::pair<int, int> largestMonitorSize(GdkDisplay* display) {
@@ -87,6 +88,7 @@ gboolean AppDelegate::onCloseRequest(GtkWindow*, gpointer self) {
 }
 
 void AppDelegate::applicationDidFinishLaunching() {
+  desktopStyle_ = std::make_unique<DesktopStyle>();
   buildWindow();
   updater_ =
       std::make_shared<Updater>(mainThread_, std::make_shared<GtkUpdaterDialogs>(window_.get()));
@@ -97,8 +99,34 @@ void AppDelegate::applicationDidFinishLaunching() {
   updater_->terminateApplication = [app = app_] { g_application_quit(G_APPLICATION(app)); };
   installActions();
   gtk_window_present(window_.get());
-  // The boot screen maps before the web engine loads, which takes a while.
-  gdk_display_flush(gtk_widget_get_display(GTK_WIDGET(window_.get())));
+  // Loading the web engine's module holds this thread for a while, so it
+  // waits until the boot screen's first frame is on screen. A window that is
+  // never drawn (started minimised) must not hold up the gateway for long.
+  firstFrameHandler_ = g_signal_connect(gtk_widget_get_frame_clock(GTK_WIDGET(window_.get())),
+                                        "after-paint", G_CALLBACK(onFirstFramePainted), this);
+  firstFrameFallback_ = g_timeout_add(firstFrameWaitMilliseconds, onFirstFrameMissing, this);
+}
+
+void AppDelegate::onFirstFramePainted(GdkFrameClock* clock, gpointer self) {
+  auto* delegate = static_cast<AppDelegate*>(self);
+  g_signal_handler_disconnect(clock, std::exchange(delegate->firstFrameHandler_, 0));
+  g_source_remove(std::exchange(delegate->firstFrameFallback_, 0));
+  // The frame reaches the display server before this thread blocks.
+  gdk_display_flush(gtk_widget_get_display(GTK_WIDGET(delegate->window_.get())));
+  g_idle_add_once([](gpointer self) { static_cast<AppDelegate*>(self)->finishLaunching(); }, self);
+}
+
+gboolean AppDelegate::onFirstFrameMissing(gpointer self) {
+  auto* delegate = static_cast<AppDelegate*>(self);
+  delegate->firstFrameFallback_ = 0;
+  g_signal_handler_disconnect(gtk_widget_get_frame_clock(GTK_WIDGET(delegate->window_.get())),
+                              std::exchange(delegate->firstFrameHandler_, 0));
+  delegate->finishLaunching();
+  return G_SOURCE_REMOVE;
+}
+
+// The rest of the start-up, once the boot screen shows.
+void AppDelegate::finishLaunching() {
   // Before the supervisor's threads, which could not start while it loads.
   const auto webContent = loadWebContentModule();
 

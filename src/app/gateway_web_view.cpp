@@ -35,6 +35,14 @@ void chooseWebViewRendering(WebKitWebView* view) {
   g_object_set(gtk_settings_get_default(), "gtk-overlay-scrolling", false, nullptr);
 }
 
+// Until the page paints, the view shows the boot screen's background (in the
+// desktop's light or dark style) rather than the engine's white.
+void paintBootBackground(WebKitWebView* view) {
+  const GdkRGBA transparent{0, 0, 0, 0};
+  webkit_web_view_set_background_color(view, &transparent);
+  gtk_widget_add_css_class(GTK_WIDGET(view), "background");
+}
+
 }  // namespace
 
 // The blank page starts the engine's page process while the gateway boots; the
@@ -44,6 +52,7 @@ GatewayWebView::GatewayWebView(Host host)
       view_(GObjectPtr<WebKitWebView>::retain(WEBKIT_WEB_VIEW(webkit_web_view_new()))),
       scriptDialogs_(host_.window) {
   chooseWebViewRendering(view_.get());
+  paintBootBackground(view_.get());
   webkit_settings_set_enable_developer_extras(webkit_web_view_get_settings(view_.get()), true);
   gtk_widget_set_visible(GTK_WIDGET(view_.get()), false);
   g_signal_connect(view_.get(), "decide-policy", G_CALLBACK(onDecidePolicy), this);
