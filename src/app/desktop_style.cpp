@@ -85,8 +85,8 @@ void DesktopStyle::watchGnomeSetting() {
   if (schema) g_settings_schema_unref(schema);
   if (!known) return;
   gnomeSettings_ = GObjectPtr<GSettings>::adopt(g_settings_new(gnomeInterface));
-  g_signal_connect(gnomeSettings_.get(), "changed::color-scheme",
-                   G_CALLBACK(onGnomeSettingChanged), this);
+  g_signal_connect(gnomeSettings_.get(), "changed::color-scheme", G_CALLBACK(onGnomeSettingChanged),
+                   this);
   apply(gnomePreference(gnomeSettings_.get()));
 }
 

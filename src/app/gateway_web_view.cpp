@@ -13,6 +13,14 @@ namespace {
 
 constexpr std::string_view loadFailedText = "Sidecar UI failed to load: ";
 
+// The page is the only thing the view shows: going back would reach the
+// blank page that started the engine.
+bool leavesThePage(WebKitContextMenuAction action) {
+  return action == WEBKIT_CONTEXT_MENU_ACTION_GO_BACK ||
+         action == WEBKIT_CONTEXT_MENU_ACTION_GO_FORWARD ||
+         action == WEBKIT_CONTEXT_MENU_ACTION_STOP;
+}
+
 std::string requestURL(WebKitNavigationAction* action) {
   WebKitURIRequest* request = webkit_navigation_action_get_request(action);
   const char* uri = request ? webkit_uri_request_get_uri(request) : nullptr;
@@ -59,6 +67,7 @@ GatewayWebView::GatewayWebView(Host host)
   g_signal_connect(view_.get(), "create", G_CALLBACK(onCreate), this);
   g_signal_connect(view_.get(), "script-dialog", G_CALLBACK(onScriptDialog), this);
   g_signal_connect(view_.get(), "load-failed", G_CALLBACK(onLoadFailed), this);
+  g_signal_connect(view_.get(), "context-menu", G_CALLBACK(onContextMenu), this);
   webkit_web_view_load_uri(view_.get(), "about:blank");
 }
 
@@ -115,6 +124,19 @@ GtkWidget* GatewayWebView::onCreate(WebKitWebView*, WebKitNavigationAction* acti
 gboolean GatewayWebView::onScriptDialog(WebKitWebView*, WebKitScriptDialog* dialog, gpointer self) {
   static_cast<GatewayWebView*>(self)->scriptDialogs_.enqueue(dialog);
   return true;
+}
+
+// The editing items, reload and the inspector stay.
+gboolean GatewayWebView::onContextMenu(WebKitWebView*, WebKitContextMenu* menu,
+                                       WebKitHitTestResult*, gpointer) {
+  for (GList* item = webkit_context_menu_get_items(menu); item;) {
+    auto* entry = WEBKIT_CONTEXT_MENU_ITEM(item->data);
+    item = item->next;
+    if (leavesThePage(webkit_context_menu_item_get_stock_action(entry))) {
+      webkit_context_menu_remove(menu, entry);
+    }
+  }
+  return false;  // shows what is left
 }
 
 // The engine's own error page is never shown; a failure after the page was

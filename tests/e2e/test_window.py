@@ -131,7 +131,7 @@ class WindowTest(unittest.TestCase):
                 self.assertEqual(report.get("result", report), answer)
                 wait_until(lambda: not s.windows("dialog"), 5, "the dialog to close")
 
-    def test_5_a_load_failing_after_commit_shows_in_the_boot_label(self):
+    def test_6_a_load_failing_after_commit_shows_in_the_boot_label(self):
         s, before = self.s, self.s.boot_label()
         s.run_script("location.href = 'http://127.0.0.1:9/refused'", wait=False)
         time.sleep(2)
@@ -141,6 +141,20 @@ class WindowTest(unittest.TestCase):
         self.assertRegex(text, "^Sidecar UI failed to load: .")
         self.assertEqual([w.getRoleName() for w in s.windows()], ["frame"])
         self.assertTrue(self.webview_visible())
+
+    def test_5_the_context_menu_has_no_way_back(self):
+        s = self.s
+        # Nothing there leads to the blank page the engine started with; reload and the
+        # inspector stay.
+        xdotool("mousemove", "--window", s.window_id(), "640", "500", "click", "3")
+        bar = find_all(s.main_window(), role="menu bar", max_depth=2)[0]
+        items = wait_until(lambda: [n.name for n in find_all(s.main_window(), role="menu item",
+                                                            max_depth=30)
+                                    if not find_all(bar, name=n.name)], 10, "the context menu")
+        xdotool("key", "Escape")
+        self.assertIn("Reload", items)
+        self.assertIn("Inspect Element", items)
+        self.assertFalse({"Back", "Forward", "Stop"} & set(items), items)
 
 
 if __name__ == "__main__":
