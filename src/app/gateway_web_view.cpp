@@ -12,6 +12,7 @@ namespace qor {
 namespace {
 
 constexpr std::string_view loadFailedText = "Sidecar UI failed to load: ";
+constexpr std::string_view blankPage = "about:blank";
 
 // The page is the only thing the view shows: going back would reach the
 // blank page that started the engine.
@@ -68,7 +69,8 @@ GatewayWebView::GatewayWebView(Host host)
   g_signal_connect(view_.get(), "script-dialog", G_CALLBACK(onScriptDialog), this);
   g_signal_connect(view_.get(), "load-failed", G_CALLBACK(onLoadFailed), this);
   g_signal_connect(view_.get(), "context-menu", G_CALLBACK(onContextMenu), this);
-  webkit_web_view_load_uri(view_.get(), "about:blank");
+  g_signal_connect(view_.get(), "load-changed", G_CALLBACK(onLoadChanged), this);
+  webkit_web_view_load_uri(view_.get(), blankPage.data());
 }
 
 // The view itself lives on in the window until the window goes.
@@ -81,6 +83,7 @@ GtkWidget* GatewayWebView::widget() {
 }
 
 void GatewayWebView::load(const std::string& url) {
+  pageURL_ = url;
   GObjectPtr<WebKitURIRequest> request =
       GObjectPtr<WebKitURIRequest>::adopt(webkit_uri_request_new(url.c_str()));
   SoupMessageHeaders* headers = webkit_uri_request_get_http_headers(request.get());
@@ -124,6 +127,18 @@ GtkWidget* GatewayWebView::onCreate(WebKitWebView*, WebKitNavigationAction* acti
 gboolean GatewayWebView::onScriptDialog(WebKitWebView*, WebKitScriptDialog* dialog, gpointer self) {
   static_cast<GatewayWebView*>(self)->scriptDialogs_.enqueue(dialog);
   return true;
+}
+
+// The blank page stays first in the history, where the page's script or a
+// mouse's back button can still reach it; from there the view loads the page
+// afresh at once (coming back from the history cache, the page's pending
+// requests would never end).
+void GatewayWebView::onLoadChanged(WebKitWebView* view, WebKitLoadEvent event, gpointer self) {
+  auto* content = static_cast<GatewayWebView*>(self);
+  const char* uri = webkit_web_view_get_uri(view);
+  if (event == WEBKIT_LOAD_COMMITTED && !content->pageURL_.empty() && uri && uri == blankPage) {
+    content->load(content->pageURL_);
+  }
 }
 
 // The editing items, reload and the inspector stay.

@@ -36,6 +36,7 @@ class GatewayWebView : public WebContent {
   static gboolean onScriptDialog(WebKitWebView* view, WebKitScriptDialog* dialog, gpointer self);
   static gboolean onContextMenu(WebKitWebView* view, WebKitContextMenu* menu,
                                 WebKitHitTestResult* hit, gpointer self);
+  static void onLoadChanged(WebKitWebView* view, WebKitLoadEvent event, gpointer self);
   static gboolean onLoadFailed(WebKitWebView* view, WebKitLoadEvent event, char* uri, GError* error,
                                gpointer self);
 
@@ -50,6 +51,7 @@ class GatewayWebView : public WebContent {
   const Host host_;
   GObjectPtr<WebKitWebView> view_;
   ScriptDialogQueue scriptDialogs_;
+  std::string pageURL_;  // the gateway's page, once asked for
 };
 
 }  // namespace qor
