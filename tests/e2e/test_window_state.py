@@ -14,9 +14,10 @@ class WindowStateTest(unittest.TestCase):
         self.addCleanup(self.s.close)
         self.file = f"{self.s.env['XDG_DATA_HOME']}/QOR Velmora/window.ini"
 
-    def size(self):  # the main window's size as the accessibility bus reports it
-        box = self.s.main_window().queryComponent().getExtents(1)
-        return box.width, box.height
+    def size(self):  # the main window's size as the X server has it
+        geometry = xdotool("getwindowgeometry", "--shell", self.s.window_id())
+        values = dict(line.split("=") for line in geometry.split())
+        return int(values["WIDTH"]), int(values["HEIGHT"])
 
     def run_once(self, quit_by):
         """Starts the shell until its page shows, resizes its window to 1000 × 700, quits."""
