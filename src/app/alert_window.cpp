@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "app/dialog_layout.h"
+#include "app/product_name.h"
 
 namespace qor {
 namespace {
@@ -32,6 +33,7 @@ AlertWindow::AlertWindow(GtkWindow* parent, const AlertContent& content, Complet
   window_ = GObjectPtr<GtkWindow>::retain(GTK_WINDOW(
       g_object_new(GTK_TYPE_WINDOW, "accessible-role", GTK_ACCESSIBLE_ROLE_DIALOG, nullptr)));
   GtkWindow* window = window_.get();
+  gtk_window_set_title(window, productName);
   gtk_window_set_modal(window, true);
   gtk_window_set_transient_for(window, parent);
   gtk_window_set_destroy_with_parent(window, true);

@@ -2,11 +2,15 @@
 
 #include <glib-unix.h>
 
+#include <algorithm>
 #include <csignal>
+#include <utility>
+#include <vector>
 
 #include "app/gtk_updater_dialogs.h"
 #include "app/main_menu.h"
 #include "app/product_name.h"
+#include "app/window_state.h"
 #include "base/bundle.h"
 #include "base/files.h"
 
@@ -14,10 +18,23 @@ namespace qor {
 namespace {
 
 constexpr const char* bootText = "Starting QOR Velmora…";
-constexpr int windowWidth = 1280;
-constexpr int windowHeight = 820;
 constexpr int bootLabelPoints = 15;
-constexpr const char* iconName = "org.qor.Velmora";
+constexpr guint firstFrameWaitMilliseconds = 2000;
+
+// The largest monitor's size: a saved size that fits none is not restored.
+std::pair<int, int> largestMonitorSize(GdkDisplay* display) {
+  GListModel* monitors = gdk_display_get_monitors(display);
+  int width = 0, height = 0;
+  for (guint index = 0; index < g_list_model_get_n_items(monitors); ++index) {
+    auto monitor =
+        GObjectPtr<GdkMonitor>::adopt(GDK_MONITOR(g_list_model_get_item(monitors, index)));
+    GdkRectangle area;
+    gdk_monitor_get_geometry(monitor.get(), &area);
+    width = std::max(width, area.width);
+    height = std::max(height, area.height);
+  }
+  return {width, height};
+}
 
 }  // namespace
 
@@ -65,23 +82,52 @@ gboolean AppDelegate::onUnixSignal(gpointer self) {
 // Closing the main window ends the application, whatever other windows
 // (an inspector, an about box) are open.
 gboolean AppDelegate::onCloseRequest(GtkWindow*, gpointer self) {
-  g_application_quit(G_APPLICATION(static_cast<AppDelegate*>(self)->app_));
+  auto* delegate = static_cast<AppDelegate*>(self);
+  delegate->saveWindowState();
+  g_application_quit(G_APPLICATION(delegate->app_));
   return false;
 }
 
 void AppDelegate::applicationDidFinishLaunching() {
-  GObjectPtr<GMenuModel> menu = buildMainMenu(app_);
-  gtk_application_set_menubar(app_, menu.get());
+  desktopStyle_ = std::make_unique<DesktopStyle>();
   buildWindow();
   updater_ =
       std::make_shared<Updater>(mainThread_, std::make_shared<GtkUpdaterDialogs>(window_.get()));
+  GObjectPtr<GMenuModel> menu = buildMainMenu(app_, updater_->updatesConfigured());
+  gtk_application_set_menubar(app_, menu.get());
   // The normal way out, so the gateway is stopped before the install script
   // replaces the bundle.
   updater_->terminateApplication = [app = app_] { g_application_quit(G_APPLICATION(app)); };
   installActions();
   gtk_window_present(window_.get());
-  // The boot screen maps before the web engine loads, which takes a while.
-  gdk_display_flush(gtk_widget_get_display(GTK_WIDGET(window_.get())));
+  // Loading the web engine's module holds this thread for a while, so it
+  // waits until the boot screen's first frame is on screen. A window that is
+  // never drawn (started minimised) must not hold up the gateway for long.
+  firstFrameHandler_ = g_signal_connect(gtk_widget_get_frame_clock(GTK_WIDGET(window_.get())),
+                                        "after-paint", G_CALLBACK(onFirstFramePainted), this);
+  firstFrameFallback_ = g_timeout_add(firstFrameWaitMilliseconds, onFirstFrameMissing, this);
+}
+
+void AppDelegate::onFirstFramePainted(GdkFrameClock* clock, gpointer self) {
+  auto* delegate = static_cast<AppDelegate*>(self);
+  g_signal_handler_disconnect(clock, std::exchange(delegate->firstFrameHandler_, 0));
+  g_source_remove(std::exchange(delegate->firstFrameFallback_, 0));
+  // The frame reaches the display server before this thread blocks.
+  gdk_display_flush(gtk_widget_get_display(GTK_WIDGET(delegate->window_.get())));
+  g_idle_add_once([](gpointer self) { static_cast<AppDelegate*>(self)->finishLaunching(); }, self);
+}
+
+gboolean AppDelegate::onFirstFrameMissing(gpointer self) {
+  auto* delegate = static_cast<AppDelegate*>(self);
+  delegate->firstFrameFallback_ = 0;
+  g_signal_handler_disconnect(gtk_widget_get_frame_clock(GTK_WIDGET(delegate->window_.get())),
+                              std::exchange(delegate->firstFrameHandler_, 0));
+  delegate->finishLaunching();
+  return G_SOURCE_REMOVE;
+}
+
+// The rest of the start-up, once the boot screen shows.
+void AppDelegate::finishLaunching() {
   // Before the supervisor's threads, which could not start while it loads.
   const auto webContent = loadWebContentModule();
 
@@ -119,7 +165,20 @@ void AppDelegate::applicationShouldHandleReopen() {
 // The signal watches stay: a second SIGTERM while the gateway is being
 // stopped is then held back instead of killing the shell halfway.
 void AppDelegate::applicationWillTerminate() {
+  // A window closed by its close button has already saved its state.
+  if (window_ && gtk_widget_get_visible(GTK_WIDGET(window_.get()))) saveWindowState();
   sidecar_->stop();
+}
+
+// The size it would have unmaximised, as GTK keeps it, so that a maximised
+// window comes back maximised over its old size.
+void AppDelegate::saveWindowState() {
+  WindowState state;
+  gtk_window_get_default_size(window_.get(), &state.width, &state.height);
+  state.maximized = gtk_window_is_maximized(window_.get());
+  if (const auto saved = writeWindowState(windowStateFile(), state); !saved) {
+    g_printerr("%s\n", saved.error().description.c_str());
+  }
 }
 
 void AppDelegate::buildWindow() {
@@ -127,10 +186,14 @@ void AppDelegate::buildWindow() {
   // copy is found the usual way too.
   gtk_icon_theme_add_search_path(gtk_icon_theme_get_for_display(gdk_display_get_default()),
                                  (bundleRoot() / "share" / "icons").c_str());
-  gtk_window_set_default_icon_name(iconName);
+  gtk_window_set_default_icon_name(applicationId);
   window_ = GObjectPtr<GtkWindow>::retain(GTK_WINDOW(gtk_application_window_new(app_)));
   gtk_application_window_set_show_menubar(GTK_APPLICATION_WINDOW(window_.get()), true);
-  gtk_window_set_default_size(window_.get(), windowWidth, windowHeight);
+  const auto [screenWidth, screenHeight] = largestMonitorSize(gdk_display_get_default());
+  const WindowState state =
+      fitWindowState(readWindowState(windowStateFile()), screenWidth, screenHeight);
+  gtk_window_set_default_size(window_.get(), state.width, state.height);
+  if (state.maximized) gtk_window_maximize(window_.get());
   gtk_window_set_title(window_.get(), productName);
 
   bootLabel_ = GObjectPtr<GtkLabel>::retain(GTK_LABEL(gtk_label_new(bootText)));
@@ -176,8 +239,10 @@ void AppDelegate::installActions() {
   };
   g_action_map_add_action_entries(G_ACTION_MAP(app_), applicationActions,
                                   G_N_ELEMENTS(applicationActions), this);
-  for (const char* unsupported : {"hide-others", "unhide-all"}) {
-    GAction* action = g_action_map_lookup_action(G_ACTION_MAP(app_), unsupported);
+  std::vector<const char*> unsupported = {"hide-others", "unhide-all"};
+  if (!updater_->updatesConfigured()) unsupported.push_back("check-for-updates");
+  for (const char* name : unsupported) {
+    GAction* action = g_action_map_lookup_action(G_ACTION_MAP(app_), name);
     g_simple_action_set_enabled(G_SIMPLE_ACTION(action), false);
   }
 
@@ -210,7 +275,7 @@ void AppDelegate::onAbout(GSimpleAction*, GVariant*, gpointer self) {
   const std::string version = delegate->updater_->currentVersion();
   GtkWindow* parent = delegate->window_.get();
   gtk_show_about_dialog(parent, "program-name", productName, "version", version.c_str(),
-                        "logo-icon-name", iconName, nullptr);
+                        "logo-icon-name", applicationId, nullptr);
 }
 
 // Desktops have no "hide application"; minimising is the nearest thing.

@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "app/desktop_style.h"
 #include "app/glib_main_thread_queue.h"
 #include "app/gobject_ptr.h"
 #include "app/web_content.h"
@@ -38,6 +39,8 @@ class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
   static void onShutdown(GApplication* app, gpointer self);
   static gboolean onUnixSignal(gpointer self);
   static gboolean onCloseRequest(GtkWindow* window, gpointer self);
+  static void onFirstFramePainted(GdkFrameClock* clock, gpointer self);
+  static gboolean onFirstFrameMissing(gpointer self);
 
   // Menu actions.
   static void onAbout(GSimpleAction*, GVariant*, gpointer self);
@@ -50,20 +53,25 @@ class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
   static void onClose(GSimpleAction*, GVariant*, gpointer self);
 
   void applicationDidFinishLaunching();
+  void finishLaunching();
   void applicationShouldHandleReopen();
   void applicationWillTerminate();
   void buildWindow();
+  void saveWindowState();
   void buildWebView(const Result<CreateWebContent>& module);
   void installActions();
   void showStatus(const std::string& text);
   void loadGateway(const std::string& url);
 
   GtkApplication* app_ = nullptr;  // owned by main()
+  std::unique_ptr<DesktopStyle> desktopStyle_;
   GObjectPtr<GtkWindow> window_;
   std::unique_ptr<WebContent> web_;  // none when the web engine could not be loaded
   const std::shared_ptr<GLibMainThreadQueue> mainThread_;
   const std::shared_ptr<SidecarManager> sidecar_;
   GObjectPtr<GtkLabel> bootLabel_;
+  gulong firstFrameHandler_ = 0;  // until the boot screen's first frame
+  guint firstFrameFallback_ = 0;
   // Made with the window it shows its dialogs over; goes before the window.
   std::shared_ptr<Updater> updater_;
 };

@@ -18,6 +18,15 @@ constexpr std::string_view pageCrashedText =
     "Restart QOR Velmora to try again.";
 constexpr const char* tokenCookieName = "qor_token";
 constexpr const char* gatewayHost = "127.0.0.1";
+constexpr std::string_view blankPage = "about:blank";
+
+// The page is the only thing the view shows: going back would reach the
+// blank page that started the engine.
+bool leavesThePage(WebKitContextMenuAction action) {
+  return action == WEBKIT_CONTEXT_MENU_ACTION_GO_BACK ||
+         action == WEBKIT_CONTEXT_MENU_ACTION_GO_FORWARD ||
+         action == WEBKIT_CONTEXT_MENU_ACTION_STOP;
+}
 
 std::string requestURL(WebKitNavigationAction* action) {
   WebKitURIRequest* request = webkit_navigation_action_get_request(action);
@@ -69,6 +78,14 @@ void onTokenCookieAdded(GObject* manager, GAsyncResult* result, gpointer data) {
   loadFresh(pending->view.get(), pending->url);
 }
 
+// Until the page paints, the view shows the boot screen's background (in the
+// desktop's light or dark style) rather than the engine's white.
+void paintBootBackground(WebKitWebView* view) {
+  const GdkRGBA transparent{0, 0, 0, 0};
+  webkit_web_view_set_background_color(view, &transparent);
+  gtk_widget_add_css_class(GTK_WIDGET(view), "background");
+}
+
 }  // namespace
 
 // The blank page starts the engine's page process while the gateway boots; the
@@ -78,14 +95,17 @@ GatewayWebView::GatewayWebView(Host host)
       view_(GObjectPtr<WebKitWebView>::retain(WEBKIT_WEB_VIEW(webkit_web_view_new()))),
       scriptDialogs_(host_.window) {
   chooseWebViewRendering(view_.get());
+  paintBootBackground(view_.get());
   webkit_settings_set_enable_developer_extras(webkit_web_view_get_settings(view_.get()), true);
   gtk_widget_set_visible(GTK_WIDGET(view_.get()), false);
   g_signal_connect(view_.get(), "decide-policy", G_CALLBACK(onDecidePolicy), this);
   g_signal_connect(view_.get(), "create", G_CALLBACK(onCreate), this);
   g_signal_connect(view_.get(), "script-dialog", G_CALLBACK(onScriptDialog), this);
   g_signal_connect(view_.get(), "load-failed", G_CALLBACK(onLoadFailed), this);
+  g_signal_connect(view_.get(), "context-menu", G_CALLBACK(onContextMenu), this);
+  g_signal_connect(view_.get(), "load-changed", G_CALLBACK(onLoadChanged), this);
   g_signal_connect(view_.get(), "web-process-terminated", G_CALLBACK(onWebProcessTerminated), this);
-  webkit_web_view_load_uri(view_.get(), "about:blank");
+  webkit_web_view_load_uri(view_.get(), blankPage.data());
 }
 
 // The view itself lives on in the window until the window goes.
@@ -147,6 +167,31 @@ GtkWidget* GatewayWebView::onCreate(WebKitWebView*, WebKitNavigationAction* acti
 gboolean GatewayWebView::onScriptDialog(WebKitWebView*, WebKitScriptDialog* dialog, gpointer self) {
   static_cast<GatewayWebView*>(self)->scriptDialogs_.enqueue(dialog);
   return true;
+}
+
+// The blank page stays first in the history, where the page's script or a
+// mouse's back button can still reach it; from there the view loads the page
+// afresh at once (coming back from the history cache, the page's pending
+// requests would never end).
+void GatewayWebView::onLoadChanged(WebKitWebView* view, WebKitLoadEvent event, gpointer self) {
+  auto* content = static_cast<GatewayWebView*>(self);
+  const char* uri = webkit_web_view_get_uri(view);
+  if (event == WEBKIT_LOAD_COMMITTED && !content->pageURL_.empty() && uri && uri == blankPage) {
+    content->load(content->pageURL_, content->gatewayToken_);
+  }
+}
+
+// The editing items, reload and the inspector stay.
+gboolean GatewayWebView::onContextMenu(WebKitWebView*, WebKitContextMenu* menu,
+                                       WebKitHitTestResult*, gpointer) {
+  for (GList* item = webkit_context_menu_get_items(menu); item;) {
+    auto* entry = WEBKIT_CONTEXT_MENU_ITEM(item->data);
+    item = item->next;
+    if (leavesThePage(webkit_context_menu_item_get_stock_action(entry))) {
+      webkit_context_menu_remove(menu, entry);
+    }
+  }
+  return false;  // shows what is left
 }
 
 // The engine's own error page is never shown; a failure after the page was

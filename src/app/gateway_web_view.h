@@ -36,6 +36,9 @@ class GatewayWebView : public WebContent {
                                  WebKitPolicyDecisionType type, gpointer self);
   static GtkWidget* onCreate(WebKitWebView* view, WebKitNavigationAction* action, gpointer self);
   static gboolean onScriptDialog(WebKitWebView* view, WebKitScriptDialog* dialog, gpointer self);
+  static gboolean onContextMenu(WebKitWebView* view, WebKitContextMenu* menu,
+                                WebKitHitTestResult* hit, gpointer self);
+  static void onLoadChanged(WebKitWebView* view, WebKitLoadEvent event, gpointer self);
   static gboolean onLoadFailed(WebKitWebView* view, WebKitLoadEvent event, char* uri, GError* error,
                                gpointer self);
   static void onWebProcessTerminated(WebKitWebView* view, WebKitWebProcessTerminationReason reason,

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "app/dialog_layout.h"
+#include "app/product_name.h"
 
 namespace qor {
 namespace {
@@ -48,7 +49,7 @@ void GtkUpdaterDialogs::showProgress(const UpdateProgress& progress,
   progressWindow_ = GObjectPtr<GtkWindow>::retain(GTK_WINDOW(
       g_object_new(GTK_TYPE_WINDOW, "accessible-role", GTK_ACCESSIBLE_ROLE_DIALOG, nullptr)));
   GtkWindow* window = progressWindow_.get();
-  gtk_window_set_title(window, progress.title.c_str());
+  gtk_window_set_title(window, productName);
   gtk_window_set_modal(window, true);
   gtk_window_set_transient_for(window, parent_);
   gtk_window_set_destroy_with_parent(window, true);

@@ -1,9 +1,11 @@
 #include "app/main_menu.h"
 
 #include <span>
+#include <string_view>
 #include <utility>
 
 #include "app/product_name.h"
+#include "updater/update_texts.h"
 
 namespace qor {
 namespace {
@@ -15,13 +17,14 @@ struct MenuItem {
 };
 
 constexpr MenuItem separator{nullptr};
+constexpr const char* checkForUpdatesAction = "app.check-for-updates";
 
 // "隐藏其他" and "全部显示" have no desktop-neutral meaning here; their
 // actions stay disabled, so the items show insensitive.
 constexpr MenuItem applicationMenu[] = {
     {"关于 QOR Velmora", "app.about"},
     separator,
-    {"检查更新…", "app.check-for-updates"},
+    {"检查更新…", checkForUpdatesAction},
     {"打开日志文件夹", "app.show-logs"},
     separator,
     {"隐藏 QOR Velmora", "app.hide", "<Primary>h"},
@@ -46,8 +49,15 @@ constexpr MenuItem windowMenu[] = {
     {"关闭", "win.close", "<Primary>w"},
 };
 
+// A build without an update server says so where the user would look; the
+// item's action is disabled then.
+const char* titleOf(const MenuItem& item, bool updatesConfigured) {
+  const bool check = item.action && std::string_view(item.action) == checkForUpdatesAction;
+  return check && !updatesConfigured ? updateTexts::notConfiguredMenuItem : item.title;
+}
+
 // Separators become section boundaries, which is how GTK draws them.
-GMenu* submenu(GtkApplication* app, std::span<const MenuItem> items) {
+GMenu* submenu(GtkApplication* app, std::span<const MenuItem> items, bool updatesConfigured) {
   GMenu* menu = g_menu_new();
   GMenu* section = g_menu_new();
   auto closeSection = [&] {
@@ -60,7 +70,7 @@ GMenu* submenu(GtkApplication* app, std::span<const MenuItem> items) {
       section = g_menu_new();
       continue;
     }
-    g_menu_append(section, item.title, item.action);
+    g_menu_append(section, titleOf(item, updatesConfigured), item.action);
     if (item.shortcut) {
       const char* shortcuts[] = {item.shortcut, nullptr};
       gtk_application_set_accels_for_action(app, item.action, shortcuts);
@@ -72,13 +82,13 @@ GMenu* submenu(GtkApplication* app, std::span<const MenuItem> items) {
 
 }  // namespace
 
-GObjectPtr<GMenuModel> buildMainMenu(GtkApplication* app) {
+GObjectPtr<GMenuModel> buildMainMenu(GtkApplication* app, bool updatesConfigured) {
   GMenu* bar = g_menu_new();
   // The application menu carries the product name, as desktop menu bars title it.
   const std::pair<const char*, std::span<const MenuItem>> menus[] = {
       {productName, applicationMenu}, {"编辑", editMenu}, {"窗口", windowMenu}};
   for (const auto& [title, items] : menus) {
-    GMenu* menu = submenu(app, items);
+    GMenu* menu = submenu(app, items, updatesConfigured);
     g_menu_append_submenu(bar, title, G_MENU_MODEL(menu));
     g_object_unref(menu);
   }

@@ -10,6 +10,7 @@
 namespace qor {
 
 // Builds the menu model and registers each item's shortcut with `app`.
-GObjectPtr<GMenuModel> buildMainMenu(GtkApplication* app);
+// Without an update server "检查更新…" says that updates are not configured.
+GObjectPtr<GMenuModel> buildMainMenu(GtkApplication* app, bool updatesConfigured);
 
 }  // namespace qor

@@ -19,7 +19,8 @@ std::optional<std::string> readTextFile(const std::filesystem::path& path) {
   return std::move(contents).str();
 }
 
-Result<> writeFileAtomically(const std::filesystem::path& path, std::string_view contents) {
+Result<> writeFileAtomically(const std::filesystem::path& path, std::string_view contents,
+                             mode_t mode) {
   std::string temporary = path.string() + ".XXXXXX";
   const int fd = mkstemp(temporary.data());
   if (fd < 0) return systemError(errno, "cannot write " + path.string());
@@ -37,7 +38,7 @@ Result<> writeFileAtomically(const std::filesystem::path& path, std::string_view
     data += written;
     left -= static_cast<size_t>(written);
   }
-  fchmod(fd, S_IRUSR | S_IWUSR);
+  fchmod(fd, mode);
   int err = fsync(fd) == 0 ? 0 : errno;
   if (close(fd) != 0 && err == 0) err = errno;
   if (err == 0 && rename(temporary.c_str(), path.c_str()) != 0) err = errno;

@@ -2,6 +2,8 @@
 // Everything written here is readable by the user only, whatever the umask.
 #pragma once
 
+#include <sys/types.h>
+
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -15,8 +17,9 @@ namespace qor {
 std::optional<std::string> readTextFile(const std::filesystem::path& path);
 
 // Writes through a temporary file in the same folder and renames it into
-// place, so readers never see a half-written file.
-Result<> writeFileAtomically(const std::filesystem::path& path, std::string_view contents);
+// place, so readers never see a half-written file. The file gets `mode`.
+Result<> writeFileAtomically(const std::filesystem::path& path, std::string_view contents,
+                             mode_t mode = 0600);
 
 // Creates the folder with any missing parents and makes it the user's alone
 // (0700), also when it existed already.

@@ -116,7 +116,14 @@ void configureHttps(CURL* curl, const std::string& url, HttpsTransfer& transfer)
   }
 }
 
-Error transferError(CURLcode code, const HttpsTransfer& transfer) {
+// Whether a connection failed for want of a route rather than being refused.
+bool networkUnreachable(CURL* curl) {
+  long osErrno = 0;
+  curl_easy_getinfo(curl, CURLINFO_OS_ERRNO, &osErrno);
+  return osErrno == ENETUNREACH || osErrno == ENETDOWN || osErrno == EHOSTUNREACH;
+}
+
+Error transferError(CURL* curl, CURLcode code, const HttpsTransfer& transfer) {
   if (transfer.idleExpired) {
     const auto seconds = std::chrono::duration<double>(transfer.options->idleTimeout).count();
     std::ostringstream description;
@@ -129,6 +136,10 @@ Error transferError(CURLcode code, const HttpsTransfer& transfer) {
   std::string description = transfer.authorityError;
   if (description.empty()) description = transfer.errorBuffer;
   if (description.empty()) description = curl_easy_strerror(code);
+  // libcurl has one code for both; the system's error tells them apart.
+  if (code == CURLE_COULDNT_CONNECT && networkUnreachable(curl)) {
+    return systemError(ENETUNREACH, description);
+  }
   return Error{httpsErrorDomain, static_cast<int>(code), description};
 }
 
@@ -199,10 +210,38 @@ Result<HttpResponse> httpsGet(const std::string& url, const HttpsTransferOptions
   curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, appendToString);
   curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &response.body);
   if (const auto code = curl_easy_perform(curl.get()); code != CURLE_OK) {
-    return transferError(code, transfer);
+    return transferError(curl.get(), code, transfer);
   }
   curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &response.status);
   return response;
+}
+
+TransportFailure transportFailure(const Error& error) {
+  if (error.domain == std::generic_category().name()) {
+    return error.code == ENETUNREACH ? TransportFailure::noNetwork : TransportFailure::other;
+  }
+  if (error.domain != httpsErrorDomain) return TransportFailure::other;
+  switch (error.code) {
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return TransportFailure::nameNotResolved;
+    case CURLE_COULDNT_CONNECT:
+      return TransportFailure::refused;
+    case CURLE_OPERATION_TIMEDOUT:
+      return TransportFailure::timedOut;
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_USE_SSL_FAILED:
+      return TransportFailure::insecure;
+    default:
+      return TransportFailure::other;
+  }
 }
 
 bool isEmptyReply(const Error& error) {
@@ -253,7 +292,7 @@ Result<std::filesystem::path> HttpsDownload::run(const std::string& url,
   unlink(file.c_str());  // a partial download is never left behind
   if (sink.writeErrno != 0) return systemError(sink.writeErrno, "cannot write " + file);
   if (!curl) return Error{httpsErrorDomain, code, "cannot start an HTTP transfer"};
-  return transferError(code, transfer);
+  return transferError(curl.get(), code, transfer);
 }
 
 }  // namespace qor

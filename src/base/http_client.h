@@ -40,6 +40,13 @@ struct HttpsTransferOptions {
 // Errors of the HTTPS transfers carry this domain and libcurl's error code.
 inline constexpr const char* httpsErrorDomain = "curl";
 
+// The kinds of transfer failure a person can act on, for describing them in
+// the person's own words.
+enum class TransportFailure { other, noNetwork, nameNotResolved, refused, timedOut, insecure };
+
+// Any thread. What kind of failure an error of the HTTPS transfers is.
+TransportFailure transportFailure(const Error& error);
+
 // Any thread; blocks until the transfer ends. Only https is spoken, and
 // redirects are followed to https addresses only. Any HTTP status is a
 // response; an error means no HTTP response arrived.

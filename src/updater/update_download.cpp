@@ -6,6 +6,7 @@
 
 #include "updater/install_preflight.h"
 #include "updater/random_uuid.h"
+#include "updater/transport_failure_text.h"
 #include "updater/update_texts.h"
 #include "updater/updater.h"
 #include "updater/url_parts.h"
@@ -120,7 +121,7 @@ void Updater::downloadEnded(unsigned generation, Result<std::filesystem::path> f
     if (file) removeQuietly(*file);
     cleanupDmg();
     if (!cancelled && !HttpsDownload::isCancellation(file.error())) {
-      showInfo(texts::failedTitle, file.error().description);
+      showInfo(texts::failedTitle, transportFailureText(file.error()));
     }
     return;
   }

@@ -30,6 +30,17 @@ inline constexpr const char* laterButton = "稍后";
 inline constexpr const char* packageManagedBefore = "此安装由系统的软件包管理器更新，请通过它安装 ";
 inline constexpr const char* packageManagedAfter = "。";
 
+// Transfers that failed before the server answered; the technical detail
+// follows on a line of its own.
+inline constexpr const char* noNetwork = "无法连接网络，请检查网络连接。";
+inline constexpr const char* nameNotResolved = "找不到更新服务器（无法解析其地址）。";
+inline constexpr const char* refused = "更新服务器拒绝了连接。";
+inline constexpr const char* timedOut = "连接更新服务器超时。";
+inline constexpr const char* insecure = "无法与更新服务器建立安全连接。";
+
+// Builds without an update server.
+inline constexpr const char* notConfiguredMenuItem = "此版本未配置更新";
+
 // Downloading.
 inline constexpr const char* invalidAddress = "清单中的下载地址无效。";
 inline constexpr const char* blockedTitle = "已阻止更新";

@@ -8,6 +8,7 @@
 #include "base/bundle.h"
 #include "base/user_data.h"
 #include "updater/install_preflight.h"
+#include "updater/transport_failure_text.h"
 #include "updater/update_texts.h"
 #include "updater/url_parts.h"
 
@@ -70,6 +71,7 @@ std::optional<std::string> Updater::platformKey() const {
 }
 
 void Updater::scheduleAutomaticCheck() {
+  if (!updatesConfigured()) return;
   reportFailedInstall();
   std::thread([weak = weak_from_this(), clock = clock_] {
     clock.sleepFor(automaticCheckDelay);
@@ -84,14 +86,10 @@ void Updater::checkForUpdates() {
 // Checks are not serialised: a check started while another is in flight
 // simply runs beside it.
 void Updater::check(bool silent) {
+  if (!updatesConfigured()) return;
   silent_ = silent;
-  std::thread([weak = weak_from_this(), silent, url = manifestURL_, host = expectedHost_,
-               options = transferOptions_] {
-    // Without a host libcurl would read "https:///qor/latest.json" as the
-    // host "qor"; this is its own "malformed URL" error (code 3) instead.
-    const auto response =
-        host.empty() ? Result<HttpResponse>(Error{httpsErrorDomain, 3, "unsupported URL: " + url})
-                     : httpsGet(url, options);
+  std::thread([weak = weak_from_this(), silent, url = manifestURL_, options = transferOptions_] {
+    const auto response = httpsGet(url, options);
     // Only a manifest that came needs its signature; an unanswered request
     // for it leaves the signature missing.
     HttpResponse signature;
@@ -113,7 +111,8 @@ void Updater::completeCheck(bool silent, const Result<HttpResponse>& response,
         [text = std::move(text)](Updater& self) { self.showInfo(texts::checkFailedTitle, text); });
   };
   if (!response) {
-    report(isEmptyReply(response.error()) ? texts::noResponse : response.error().description);
+    report(isEmptyReply(response.error()) ? texts::noResponse
+                                          : transportFailureText(response.error()));
     return;
   }
   if (response->status == 0) {

@@ -75,6 +75,10 @@ class Updater : public std::enable_shared_from_this<Updater> {
   // stops the gateway; the script waits for this process to end.
   std::function<void()> terminateApplication;
 
+  // Any thread. Whether this build has an update server; without one no check
+  // runs, neither the automatic one nor the user's.
+  bool updatesConfigured() const { return !settings_.host.empty(); }
+
   // UI thread, once at start. Tells of an install that failed in the last
   // run, then schedules one silent check 3 s from now (no repetition).
   void scheduleAutomaticCheck();

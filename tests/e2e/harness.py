@@ -186,8 +186,9 @@ class Session:  # one private home and, at a time, one running shell with its ga
         return wait_until(lambda: find_all(self.main_window(), role="label", max_depth=3)[0],
                           10, "the boot label").name
 
-    def window_id(self, name="^QOR Velmora$"):
-        return wait_until(lambda: xdotool("search", "--onlyvisible", "--name", name).split(),
+    def window_id(self, name="^QOR Velmora$"):  # dialogs carry the same title: not theirs
+        return wait_until(lambda: [w for w in xdotool("search", "--onlyvisible", "--name",
+                                                      name).split() if not transient(w)],
                           30, "the X window")[0]
 
     def click(self, x, y):  # a real pointer click at window coordinates
@@ -216,6 +217,11 @@ class Session:  # one private home and, at a time, one running shell with its ga
 
 def xdotool(*args):
     return subprocess.run(["xdotool", *args], capture_output=True, text=True).stdout
+
+
+def transient(window):  # a dialog: it names the window it belongs to
+    return "window id" in subprocess.run(["xprop", "-id", window, "WM_TRANSIENT_FOR"],
+                                         capture_output=True, text=True).stdout
 
 
 def find_all(node, *, role=None, name=None, max_depth=12):

@@ -2,14 +2,14 @@
 
 import os, re, subprocess, time, unittest
 
-from harness import (Session, find_all, port_listening, press, states, texts, titles,
-                     wait_until, xdotool)
+from harness import (BUNDLE, Session, find_all, port_listening, press, states, texts, titles,
+                     transient, wait_until, xdotool)
 
-BOOT = "Starting QOR Velmora…"
+BOOT, APP_ID = "Starting QOR Velmora…", "org.qor.Velmora"
 STALE = ("import signal, socket, time; signal.signal(signal.SIGTERM, signal.SIG_IGN); s = "
          "socket.create_server(('127.0.0.1', 8088)); time.sleep(600)")  # ignores SIGTERM
 MENUS = {  # per item: title, shortcut, whether it is sensitive; None per separator
-    "QOR Velmora": [("关于 QOR Velmora", "", 1), None, ("检查更新…", "", 1),
+    "QOR Velmora": [("关于 QOR Velmora", "", 1), None, ("此版本未配置更新", "", 0),
                     ("打开日志文件夹", "", 1), None,
                     ("隐藏 QOR Velmora", "Ctrl+H", 1), ("隐藏其他", "Ctrl+Alt+H", 0),
                     ("全部显示", "", 0), None, ("退出 QOR Velmora", "Ctrl+Q", 1)],
@@ -40,6 +40,11 @@ def entries(menu):  # per item (title, shortcut, sensitive), None per separator
             for n in items if n.getRoleName() in ("menu item", "separator")]
 
 
+def xprop(window, name):  # a property's value as xprop prints it
+    output = subprocess.run(["xprop", "-id", window, name], capture_output=True, text=True).stdout
+    return output.partition(" = ")[2].strip()
+
+
 class WindowTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -56,6 +61,10 @@ class WindowTest(unittest.TestCase):
         box = frame.queryComponent().getExtents(1)
         self.assertEqual((frame.name, box.width, box.height), ("QOR Velmora", 1280, 820))
         self.assertEqual((s.boot_label(), s.webview_visible()), (BOOT, False))
+        # The desktop matches the window to its launcher by the window's class.
+        launcher = open(f"{BUNDLE}/share/applications/{APP_ID}.desktop").read()
+        self.assertIn(f"\nStartupWMClass={APP_ID}\n", launcher)
+        self.assertEqual(xprop(s.window_id(), "WM_CLASS"), f'"{APP_ID}", "{APP_ID}"')
         s.screenshot("startup-boot-screen")
         # The sweep kills the stale gateway; ours then boots slowly while the label counts.
         wait_until(lambda: stale.poll() == -9, 15, "the stale gateway to end by SIGKILL")
@@ -105,6 +114,10 @@ class WindowTest(unittest.TestCase):
                 # (for a prompt the field has it, 280 × 24, 8 pixels below the prompt line).
                 buttons = ["好"] if expected[0] == "QOR Velmora" else ["取消", "确定"]
                 self.assertEqual(titles(dialog), buttons)
+                dialog_window = wait_until(lambda: [w for w in xdotool(
+                    "search", "--onlyvisible", "--pid", str(s.pid)).split() if transient(w)],
+                    10, "the dialog's X window")[0]
+                self.assertEqual(xprop(dialog_window, "_NET_WM_NAME"), '"QOR Velmora"')
                 field = find_all(dialog, role="text")
                 focus = (field or find_all(dialog, role="push button", name=buttons[-1]))[0]
                 self.assertIn("focused", states(focus))
@@ -125,7 +138,7 @@ class WindowTest(unittest.TestCase):
                 self.assertEqual(report.get("result", report), answer)
                 wait_until(lambda: not s.windows("dialog"), 5, "the dialog to close")
 
-    def test_5_a_load_failing_after_commit_shows_in_the_boot_label(self):
+    def test_6_a_load_failing_after_commit_shows_in_the_boot_label(self):
         s, before = self.s, self.s.boot_label()
         s.run_script("location.href = 'http://127.0.0.1:9/refused'", wait=False)
         time.sleep(2)
@@ -135,6 +148,25 @@ class WindowTest(unittest.TestCase):
         self.assertRegex(text, "^Sidecar UI failed to load: .")
         self.assertEqual([w.getRoleName() for w in s.windows()], ["frame"])
         self.assertTrue(self.s.webview_visible())
+
+    def test_5_no_way_back_to_the_blank_page(self):
+        s = self.s
+        # Nothing there leads to the blank page the engine started with; reload and the
+        # inspector stay.
+        xdotool("mousemove", "--window", s.window_id(), "640", "500", "click", "3")
+        bar = find_all(s.main_window(), role="menu bar", max_depth=2)[0]
+        items = wait_until(lambda: [n.name for n in find_all(s.main_window(), role="menu item",
+                                                            max_depth=30)
+                                    if not find_all(bar, name=n.name)], 10, "the context menu")
+        xdotool("key", "Escape")
+        self.assertIn("Reload", items)
+        self.assertIn("Inspect Element", items)
+        self.assertFalse({"Back", "Forward", "Stop"} & set(items), items)
+        # The page's own script gets there only for a moment: the page loads again.
+        page = s.run_script("location.href")
+        s.run_script("history.back(); 'asked'")
+        s.wait_ready(pages=2)
+        self.assertEqual(s.run_script("[location.href, history.length]"), [page, 2])
 
 
 if __name__ == "__main__":

@@ -17,8 +17,19 @@ TEST_F(UpdaterTest, CheckOutcomesForTheUserAndOnlyOffersWhenSilent) {
   const std::string failed = "无法检查更新|", unavailable = failed + "更新服务暂时不可用（HTTP ";
   const std::string noAsset = "无法更新|没有适配当前芯片架构（";
   const std::tuple<json, std::function<void(Updater::Settings&)>, std::string> outcomes[] = {
-      {{}, [](auto& s) { s.host = "127.0.0.1:1"; }, failed + "Failed to connect to 127.0.0.1*|好"},
-      {{}, [](auto& s) { s.extraCAFile.clear(); }, failed + "SSL certificate problem: *|好"},
+      // Transport failures in the user's words, then the detail.
+      {{},
+       [](auto& s) { s.host = "127.0.0.1:1"; },
+       failed + "更新服务器拒绝了连接。\nFailed to connect to 127.0.0.1*|好"},
+      {{},
+       [](auto& s) { s.host = "qor-updates.invalid"; },
+       failed + "找不到更新服务器（无法解析其地址）。\n*qor-updates.invalid*|好"},
+      {{{"delay", 2}},
+       [](auto& s) { s.idleTimeout = 200ms; },
+       failed + "连接更新服务器超时。\nThe server sent nothing for 0.2 s.|好"},
+      {{},
+       [](auto& s) { s.extraCAFile.clear(); },
+       failed + "无法与更新服务器建立安全连接。\nSSL certificate problem: *|好"},
       {{{"close", true}}, {}, failed + "更新服务无响应。|好"},
       {{{"status", 304}}, {}, unavailable + "304）。|好"},
       {{}, {}, unavailable + "404）。|好"},
@@ -59,6 +70,17 @@ TEST_F(UpdaterTest, CheckOutcomesForTheUserAndOnlyOffersWhenSilent) {
     for (auto i = before; i < ui_->alerts.size(); ++i) EXPECT_PRED2(fits, expected, ui_->alerts[i]);
   }
   EXPECT_TRUE(ui_->progress.empty()) << "unanswered offers start nothing";
+}
+
+// A build without an update server asks nobody, and says nothing about it.
+TEST_F(UpdaterTest, WithoutAnUpdateServerNoCheckRuns) {
+  const auto updater = makeUpdater([](auto& s) { s.host.clear(); });
+  EXPECT_FALSE(updater->updatesConfigured());
+  EXPECT_TRUE(makeUpdater()->updatesConfigured());
+  updater->scheduleAutomaticCheck();
+  updater->checkForUpdates();
+  ui_->pumpFor(600ms);  // twice the automatic check's delay at this clock speed
+  EXPECT_EQ(ui_->alerts, std::vector<std::string>{});
 }
 
 // A failed request is judged by the flag of its own check, a manifest by the
