@@ -14,8 +14,8 @@ packages=(
   # headless display, accessibility and fonts for the window tests
   xvfb xauth dbus dbus-x11 at-spi2-core python3-pyatspi python3-gi gir1.2-atspi-2.0
   fonts-wqy-microhei imagemagick openssl xdotool x11-utils
-  # packaging, and the desktop files' validators
-  dpkg-dev desktop-file-utils appstream
+  # packaging and its checker, icons drawn from the SVG, and the desktop files' validators
+  dpkg-dev desktop-file-utils appstream lintian librsvg2-bin xz-utils binutils
 )
 bench_packages=(
   # what people use instead, the X client that sees the window map, the tools timed against

@@ -33,36 +33,43 @@ tar "${tar_flags[@]}" -C "$work" -cf - "QOR Velmora" | gzip -9n >"$work/image"
 mv "$work/image" "$image"
 echo "Update image: $image"
 
-# The Debian package.
+# The Debian package: the bundle under /opt, what desktops look for linked
+# into /usr, and the documentation Debian asks of every package.
 root="$work/deb"
 prefix=/opt/qor-velmora
-mkdir -p "$root/opt" "$root/usr/bin" "$root/DEBIAN"
+doc="$root/usr/share/doc/qor-velmora"
+mkdir -p "$root/opt" "$root/usr/bin" "$root/DEBIAN" "$doc"
 cp -a "$bundle" "$root$prefix"
 # Tells the shell that dpkg owns this bundle, so it never replaces it in place.
 echo deb >"$root$prefix/share/qor-velmora/PACKAGE_MANAGED"
 ln -s "$prefix/bin/qor-velmora" "$root/usr/bin/qor-velmora"
-for file in applications/org.qor.Velmora.desktop metainfo/org.qor.Velmora.metainfo.xml \
-    icons/hicolor/scalable/apps/org.qor.Velmora.svg; do
+for file in $(cd "$bundle/share" && find applications metainfo icons -type f | LC_ALL=C sort); do
   mkdir -p "$(dirname "$root/usr/share/$file")"
   ln -s "$prefix/share/$file" "$root/usr/share/$file"
 done
+here=$(dirname "$0")
+cp "$here/debian/copyright" "$doc/copyright"
+/usr/bin/python3 "$here/debian/changelog.py" "$bundle/share/metainfo/org.qor.Velmora.metainfo.xml" |
+  gzip -9n >"$doc/changelog.gz"
 
 # Libraries as dpkg-shlibdeps finds them, plus the tools the shell runs and
-# the Python its bundled runtime uses.
+# the Python its bundled runtime uses (tar is essential, so goes unsaid).
+# libsoup 3's symbols file dates its symbols by libsoup 2.4's versions, which
+# no libsoup 3 package has: its first release is the real floor.
 mkdir -p "$work/shlibs/debian"
 printf 'Source: qor-velmora\n\nPackage: qor-velmora\nArchitecture: any\n' >"$work/shlibs/debian/control"
 libraries=$(cd "$work/shlibs" && dpkg-shlibdeps -O "$root$prefix/bin/qor-velmora" \
   "$root$prefix/lib/qor-velmora/libqor-velmora-web.so" |
-  sed -n 's/^shlibs:Depends=//p')
+  sed -n 's/^shlibs:Depends=//p' | sed 's/libsoup-3\.0-0 (>= 2\.[^)]*)/libsoup-3.0-0 (>= 3.0.0)/')
 [ -n "$libraries" ] || { echo "package.sh: dpkg-shlibdeps found no libraries" >&2; exit 1; }
 architecture=$(dpkg --print-architecture)
-cat >"$root/DEBIAN/control" <<EOF
+cat >"$root/DEBIAN/control" <<CONTROL
 Package: qor-velmora
 Version: $version
 Architecture: $architecture
 Maintainer: QOR <desktop@qor.example.org>
-Installed-Size: $(du -sk --apparent-size "$root" | cut -f1)
-Depends: $libraries, unzip, zip, tar, python3 (>= 3.9)
+Installed-Size: $(du -sk --apparent-size --exclude=DEBIAN "$root" | cut -f1)
+Depends: $libraries, unzip, zip, python3 (>= 3.9)
 Section: misc
 Priority: optional
 Homepage: https://qor.example.org/velmora
@@ -70,8 +77,18 @@ Description: QOR workspace desktop application
  QOR Velmora brings the QOR workspace to the desktop: it sets up the local
  service the workspace needs on first start, keeps it running while the
  window is open, and stops it on quit.
-EOF
+CONTROL
+(cd "$root" && find opt usr -type f -print0 | LC_ALL=C sort -z | xargs -0 md5sum) \
+  >"$root/DEBIAN/md5sums"
+
+# Put together here rather than by dpkg-deb, which would also claim /opt, a
+# folder base-files owns.
+(cd "$root" && find . -mindepth 1 -path ./DEBIAN -prune -o ! -path ./opt -print) |
+  LC_ALL=C sort >"$work/entries"
+tar "${tar_flags[@]}" --no-recursion -C "$root" -T "$work/entries" -cf - | xz -9 >"$work/data.tar.xz"
+tar "${tar_flags[@]}" -C "$root/DEBIAN" -cf - . | xz -9 >"$work/control.tar.xz"
+echo 2.0 >"$work/debian-binary"
+(cd "$work" && ar -rcD deb.deb debian-binary control.tar.xz data.tar.xz)
 deb="$out/qor-velmora_${version}_$architecture.deb"
-dpkg-deb --root-owner-group -Zxz --build "$root" "$work/deb.deb" >/dev/null
 mv "$work/deb.deb" "$deb"
 echo "Debian package: $deb"

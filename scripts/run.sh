@@ -2,8 +2,8 @@
 # Stages the bundle from a build folder and runs QOR Velmora from it:
 #   scripts/run.sh [BUILD]        (what `make run` does, after building)
 # On a desktop the window simply opens. Without a display this starts a
-# virtual one (Xvfb) and a D-Bus session, saves a screenshot once the
-# gateway's page is shown, and keeps running until interrupted (Ctrl+C).
+# virtual one (Xvfb) and a D-Bus session, saves a screenshot of the window
+# once the gateway's page is shown, and keeps running until interrupted (Ctrl+C).
 set -euo pipefail
 
 build=${1:-build}
@@ -52,17 +52,19 @@ eval "$(dbus-launch --sh-syntax)"
 dbus_pid=$DBUS_SESSION_BUS_PID
 echo "No display: running on virtual display $DISPLAY"
 
-"$app" &
+# The shell's output also goes to a log, where the gateway notes each request.
+"$app" > >(tee "$work/app.log") 2>&1 &
 app_pid=$!
 
 # Wait until the web view is shown (it stays hidden until the gateway is
-# ready), give the page a moment to draw, then take the picture.
+# ready), the page's script has asked for the notes and the window's picture
+# has settled, then save a picture of the window alone.
 screenshot="$build/qor-velmora-screenshot.png"
-if /usr/bin/python3 - "$app_pid" <<'PY'
-import sys, time
+if /usr/bin/python3 - "$app_pid" "$work/app.log" "$screenshot" <<'PY'
+import subprocess, sys, time
 import pyatspi
 
-pid = int(sys.argv[1])
+pid, log, screenshot = int(sys.argv[1]), sys.argv[2], sys.argv[3]
 
 def web_view_shown():
     for app in pyatspi.Registry.getDesktop(0):
@@ -78,19 +80,34 @@ def web_view_shown():
             pending.extend(node.getChildAtIndex(i) for i in range(min(node.childCount, 50)))
     return False
 
-deadline = time.monotonic() + 120
+def notes_asked_for():
+    with open(log, encoding="utf-8", errors="replace") as f:
+        return '"GET /api/notes' in f.read()
+
+def window():
+    found = subprocess.run(["xdotool", "search", "--onlyvisible", "--pid", str(pid), "--name",
+                            "^QOR Velmora$"], capture_output=True, text=True).stdout.split()
+    return found[0] if found else None
+
+def picture(window_id):
+    return subprocess.run(["import", "-window", window_id, "png:-"], capture_output=True).stdout
+
+deadline, last = time.monotonic() + 120, None
 while time.monotonic() < deadline:
     try:
-        if web_view_shown():
-            time.sleep(3)
-            sys.exit(0)
+        if web_view_shown() and notes_asked_for() and (window_id := window()):
+            if (shot := picture(window_id)) and shot == last:
+                with open(screenshot, "wb") as f:
+                    f.write(shot)
+                sys.exit(0)
+            last = shot
+            continue
     except Exception:
         pass
     time.sleep(0.5)
 sys.exit(1)
 PY
 then
-  import -window root "$screenshot"
   echo "Screenshot of the window: $screenshot"
 else
   echo "The gateway's page was not shown within 120 s; see the messages above." >&2

@@ -167,7 +167,7 @@ class Session:  # one private home and, at a time, one running shell with its ga
 
     def windows(self, role=None):  # the shell's top-level windows on the accessibility bus
         app = wait_until(lambda: next(a for a in pyatspi.Registry.getDesktop(0)
-                                      if a and a.get_process_id() == self.pid), 30, "the shell")
+                                      if a and process_id(a) == self.pid), 30, "the shell")
         return [w for w in map(app.getChildAtIndex, range(app.childCount))
                 if w is not None and role in (None, w.getRoleName())]
 
@@ -197,8 +197,11 @@ class Session:  # one private home and, at a time, one running shell with its ga
     def key(self, keys, dialog=False, text=None):
         """Focuses the main window (or the dialog over it), then presses `keys` or types."""
         main = self.window_id()
-        ids = xdotool("search", "--onlyvisible", "--pid", str(self.pid)).split()
-        xdotool("windowfocus", "--sync", next(w for w in ids if w != main) if dialog else main)
+        # A dialog is on the accessibility bus before its X window maps.
+        target = wait_until(lambda: next(w for w in xdotool(
+            "search", "--onlyvisible", "--pid", str(self.pid)).split() if w != main), 30,
+            "the dialog's X window") if dialog else main
+        xdotool("windowfocus", "--sync", target)
         xdotool(*(["type", "--delay", "20", text] if text else ["key", "--clearmodifiers", keys]))
 
     def choose(self, menu, item=None):  # opens `menu` with a click, then activates `item`
@@ -213,6 +216,11 @@ class Session:  # one private home and, at a time, one running shell with its ga
 
     def screenshot(self, name):
         subprocess.run(["import", "-window", "root", f"{ARTIFACTS}/{name}.png"], check=True)
+
+
+def process_id(app):  # None for an application that has just gone, which must not hide ours
+    with contextlib.suppress(Exception):
+        return app.get_process_id()
 
 
 def xdotool(*args):

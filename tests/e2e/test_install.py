@@ -8,8 +8,11 @@ from harness import BUNDLE, Session, bundle_file, find_all, port_listening, stat
 VERSION = bundle_file(BUNDLE, "APP_VERSION")
 DEB = glob.glob(f"{os.environ['QOR_E2E_PACKAGES']}/qor-velmora_{VERSION}_*.deb")[0]
 PREFIX = "/opt/qor-velmora"
+ICON_SIZES = [16, 24, 32, 48, 64, 128, 256, 512]
 DESKTOP_FILES = ["applications/org.qor.Velmora.desktop", "metainfo/org.qor.Velmora.metainfo.xml",
-                 "icons/hicolor/scalable/apps/org.qor.Velmora.svg"]
+                 "icons/hicolor/scalable/apps/org.qor.Velmora.svg",
+                 "icons/hicolor/symbolic/apps/org.qor.Velmora-symbolic.svg",
+                 *(f"icons/hicolor/{n}x{n}/apps/org.qor.Velmora.png" for n in ICON_SIZES)]
 ARCH = {"x86_64": "x64", "aarch64": "arm64"}[platform.machine()]
 
 
@@ -72,10 +75,13 @@ class InstallTest(unittest.TestCase):
         self.assertEqual(fields[:2], ["Package: qor-velmora", f"Version: {VERSION}"])
         depends = {d.split(" (")[0] for d in fields[2].removeprefix("Depends: ").split(", ")}
         self.assertLessEqual({"libgtk-4-1", "libwebkitgtk-6.0-4", "libcurl4", "libssl3", "unzip",
-                              "zip", "tar", "python3"}, depends)
-        # Every file and link the package installs, and where the links point.
-        entries = {line.split(" ./", 1)[1] for line in output("dpkg-deb", "-c", DEB).splitlines()
-                   if not line.startswith("d")}
+                              "zip", "python3"}, depends)
+        self.assertNotIn("tar", depends, "tar is essential")
+        self.assertIn("libsoup-3.0-0 (>= 3.0.0)", fields[2].split(", "))
+        # Every file and link the package installs, and where the links point; /opt is not its.
+        listing = output("dpkg-deb", "-c", DEB).splitlines()
+        entries = {line.split(" ./", 1)[1] for line in listing if not line.startswith("d")}
+        self.assertEqual([line for line in listing if line.endswith(" ./opt/")], [])
         bundle = [f"opt/qor-velmora/{f}" for f in [
             "bin/qor-velmora", "lib/qor-velmora/libqor-velmora-web.so",
             "lib/qor-velmora/qor-exchange", "share/qor-velmora/APP_VERSION",
@@ -84,7 +90,11 @@ class InstallTest(unittest.TestCase):
             *(f"share/{f}" for f in DESKTOP_FILES)]]
         links = [f"usr/bin/qor-velmora -> {PREFIX}/bin/qor-velmora",
                  *(f"usr/share/{f} -> {PREFIX}/share/{f}" for f in DESKTOP_FILES)]
-        self.assertEqual(entries, {*bundle, *links})
+        docs = ["usr/share/doc/qor-velmora/copyright", "usr/share/doc/qor-velmora/changelog.gz"]
+        self.assertEqual(entries, {*bundle, *links, *docs})
+        # The checksums dpkg verifies installed files against cover every file.
+        sums = output("dpkg-deb", "--info", DEB, "md5sums").splitlines()
+        self.assertEqual({line.split("  ", 1)[1] for line in sums}, {*bundle, *docs})
 
         s = Session("install-deb", bundled_runtime=True)
         self.addCleanup(s.close)
@@ -92,6 +102,8 @@ class InstallTest(unittest.TestCase):
         self.assertEqual(bundle_file(f"{root}{PREFIX}", "APP_VERSION"), VERSION)
         with open(f"{root}{PREFIX}/share/{DESKTOP_FILES[1]}") as f:
             self.assertIn(f'<release version="{VERSION}"', f.read())
+        changelog = output("zcat", f"{root}/usr/share/doc/qor-velmora/changelog.gz")
+        self.assertTrue(changelog.startswith(f"qor-velmora ({VERSION}) stable;"), changelog)
         self.run_until_page(s, f"{root}{PREFIX}/bin/qor-velmora")
         self.quit(s)
 

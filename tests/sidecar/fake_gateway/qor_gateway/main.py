@@ -5,7 +5,7 @@
 import time
 
 started = time.monotonic()  # before the imports, for the relaunch timing
-import http.server, json, os, signal, sys, threading  # noqa: E402
+import ctypes, http.server, json, os, signal, sys, threading  # noqa: E402
 
 options = dict(zip(sys.argv[1::2], sys.argv[2::2]))  # --port P --litellm-port L --data-dir D
 data = options["--data-dir"]
@@ -19,16 +19,30 @@ with open(os.path.join(data, "fake-gateway.json")) as orders:
 config.update(dict(enumerate(config.get("by_launch", []))).get(launch, {}))
 
 
+term_logged = threading.Event()
+
+
 def on_term(number, _frame):
     with open(os.path.join(data, "signals.log"), "a") as log:
         log.write(f"{os.getpid()} {number}\n")
+    term_logged.set()
     if not config.get("ignore_term"):
         sys.exit(0)
+
+
+def parent_death_signal():
+    number = ctypes.c_int()
+    ctypes.CDLL(None).prctl(2, ctypes.byref(number), 0, 0, 0)  # PR_GET_PDEATHSIG
+    return number.value
 
 
 def exit_with_parent(parent=os.getppid()):  # never outlive a test that crashed
     while os.getppid() == parent:
         time.sleep(0.2)
+    # The parent's death also sends a SIGTERM asked for by whoever launched us; logging it
+    # must win the race against this silent exit, or a test would miss it.
+    if parent_death_signal() == signal.SIGTERM:
+        term_logged.wait()
     os._exit(1)
 
 
