@@ -55,7 +55,7 @@ class GatewayWebView : public WebContent {
   const Host host_;
   GObjectPtr<WebKitWebView> view_;
   ScriptDialogQueue scriptDialogs_;
-  std::string pageURL_;  // the gateway's page, once loaded
+  std::string pageURL_;       // the gateway's page, once loaded
   std::string gatewayToken_;  // the secret its cookie carries
   CrashReloadBudget crashReloads_;
 };

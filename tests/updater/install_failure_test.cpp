@@ -62,12 +62,14 @@ class InstallScriptRun : public ::testing::Test {
     std::filesystem::remove_all(root_);
   }
 
-  // A bundle of `version` with `files` small files and the exchange tool; its program appends its version to root_/started.
+  // A bundle of `version` with `files` small files and the exchange tool; its program appends its
+  // version to root_/started.
   void makeBundle(const std::filesystem::path& bundle, const std::string& version,
                   int files = 3) const {
     writeFile(bundle / "share" / "qor-velmora" / "APP_VERSION", version + "\n");
     for (int i = 0; i < files; ++i) {
-      writeFile(bundle / "share" / "data" / std::to_string(i), version + std::string(100, 'a' + i % 26));
+      writeFile(bundle / "share" / "data" / std::to_string(i),
+                version + std::string(100, 'a' + i % 26));
     }
     std::filesystem::create_directory_symlink("data", bundle / "share" / "link");
     const auto program = bundle / "bin" / "qor-velmora";
@@ -122,8 +124,7 @@ class InstallScriptRun : public ::testing::Test {
   }
 
   void mountSmallDisk(const char* size) {
-    ASSERT_EQ(mount("tmpfs", apps_.c_str(), "tmpfs", 0, ("size=" + std::string(size)).c_str()),
-              0)
+    ASSERT_EQ(mount("tmpfs", apps_.c_str(), "tmpfs", 0, ("size=" + std::string(size)).c_str()), 0)
         << strerror(errno);
     mounted_ = true;
   }
@@ -133,8 +134,8 @@ class InstallScriptRun : public ::testing::Test {
   std::filesystem::path installed_;  // the installed bundle
   std::filesystem::path staging_;    // the folder the image was extracted into
   std::filesystem::path image_;
-  std::filesystem::path support_;    // update.log and the failure mark
-  std::filesystem::path started_;    // each started program's version
+  std::filesystem::path support_;  // update.log and the failure mark
+  std::filesystem::path started_;  // each started program's version
   bool mounted_ = false;
 };
 
@@ -191,8 +192,8 @@ TEST_F(InstallScriptRun, AFailedInstallKeepsTheInstalledBundleAndLeavesTheVersio
     EXPECT_EQ(snapshotOf(installed_), before);
     EXPECT_EQ(entriesOf(apps_), std::set<std::string>{"QOR Velmora"}) << "no copy left";
     EXPECT_PRED2(fits,
-                 "*] updating */QOR Velmora -> " + installed_.string() + "\n*copy FAILED: " +
-                     c.reason + "\n*] relaunched\n",
+                 "*] updating */QOR Velmora -> " + installed_.string() +
+                     "\n*copy FAILED: " + c.reason + "\n*] relaunched\n",
                  readFile(script.log));
     EXPECT_EQ(readFile(started_), "1.0.0\n");
     EXPECT_EQ(readFile(script.failureMark), script.version + "\n");

@@ -124,9 +124,7 @@ TEST_F(UpdaterTest, HandOffReplacesTheBundleOnlyAfterTheApplicationHasQuit) {
 TEST_F(UpdaterTest, AFailedInstallIsToldOnceAndItsVersionIsNotOfferedAgainAutomatically) {
   const auto folder = root_ / "support" / "QOR Velmora";
   writeFile(folder / "update-failed", "1.1.0\n");
-  writeFile(
-      root_ / "qor" / "latest.json",
-      json{{"version", "1.1.0"}, {"platforms", {{"linux-x64", publishImage("next")}}}}.dump());
+  publishUpdate(publishImage("next"));
   ui_->answer = 1;  // "稍后" whenever the update is offered
   const auto updater = makeUpdater();
   updater->scheduleAutomaticCheck();

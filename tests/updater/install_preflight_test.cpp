@@ -13,9 +13,9 @@ TEST_F(UpdaterTest, APackageManagedBundleIsLeftToThePackageManager) {
   acceptUpdate(*updater, publishImage("next"));
   ASSERT_TRUE(ui_->pumpUntil([&] { return !ui_->alerts.empty(); }));
   ui_->pumpUntil([&] { return ui_->alerts.size() > 1; }, 500ms);  // nothing else follows
-  EXPECT_EQ(ui_->alerts, std::vector<std::string>{
-                             "发现新版本 1.1.0|当前版本：1.0.0\n"
-                             "此安装由系统的软件包管理器更新，请通过它安装 1.1.0。|好"});
+  EXPECT_EQ(ui_->alerts,
+            std::vector<std::string>{"发现新版本 1.1.0|当前版本：1.0.0\n"
+                                     "此安装由系统的软件包管理器更新，请通过它安装 1.1.0。|好"});
   EXPECT_TRUE(ui_->progress.empty());
   EXPECT_TRUE(entriesOf(temporary_).empty());
 }
