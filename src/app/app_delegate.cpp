@@ -91,8 +91,13 @@ gboolean AppDelegate::onCloseRequest(GtkWindow*, gpointer self) {
 void AppDelegate::applicationDidFinishLaunching() {
   desktopStyle_ = std::make_unique<DesktopStyle>();
   buildWindow();
-  updater_ =
-      std::make_shared<Updater>(mainThread_, std::make_shared<GtkUpdaterDialogs>(window_.get()));
+  // The updater's diagnostics join the supervisor's in the application's log.
+  Updater::Settings updates;
+  updates.diagnostics = [sidecar = sidecar_](const std::string& line) {
+    sidecar->writeDiagnostic("[updater] " + line + "\n");
+  };
+  updater_ = std::make_shared<Updater>(
+      mainThread_, std::make_shared<GtkUpdaterDialogs>(window_.get()), std::move(updates));
   GObjectPtr<GMenuModel> menu = buildMainMenu(app_, updater_->updatesConfigured());
   gtk_application_set_menubar(app_, menu.get());
   // The normal way out, so the gateway is stopped before the install script

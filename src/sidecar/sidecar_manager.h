@@ -111,6 +111,10 @@ class SidecarManager : public std::enable_shared_from_this<SidecarManager> {
   // screen, stops the supervisor (no relaunches) and returns true.
   bool refuseForeignGateway();
 
+  // Any thread. Into the application's log (and standard error), as the
+  // gateway's output goes; for the shell's own diagnostics.
+  void writeDiagnostic(std::string_view bytes) const;
+
  private:
   void runStartSequence();
   Result<> startSteps();
@@ -127,7 +131,6 @@ class SidecarManager : public std::enable_shared_from_this<SidecarManager> {
   std::string gatewayAddress(std::string_view path) const;
   void postStatus(std::string text) const;
   void postReady(std::string url) const;
-  void writeDiagnostic(std::string_view bytes) const;
 
   const std::shared_ptr<MainThreadQueue> mainThread_;
   const Settings settings_;

@@ -106,7 +106,10 @@ void Updater::check(bool silent) {
 void Updater::completeCheck(bool silent, const Result<HttpResponse>& response,
                             const HttpResponse& signature) {
   const auto report = [this, silent](std::string text) {
-    if (silent) return;
+    if (silent) {
+      settings_.diagnostics(std::string(texts::checkFailedTitle) + ": " + text);
+      return;
+    }
     onMain(
         [text = std::move(text)](Updater& self) { self.showInfo(texts::checkFailedTitle, text); });
   };
@@ -192,7 +195,10 @@ void Updater::showPackageManaged() {
                manifest_->version + texts::packageManagedAfter);
 }
 
+// Every outcome a dialog reports also goes to the diagnostics, where it can
+// still be read after the dialog is gone.
 void Updater::showInfo(const std::string& title, const std::string& text) {
+  settings_.diagnostics(title + ": " + text);
   dialogs_->showAlert({.title = title,
                        .text = text,
                        .style = UpdateAlertStyle::informational,

@@ -31,6 +31,8 @@ class SignatureTest(test_update.UpdateHost):
         line = "[updater] update blocked: the manifest has no signature\n"
         wait_until(lambda: line in s.output(), 30, "the diagnostic line")
         self.assertEqual((s.output().count("[updater]"), s.windows("dialog")), (1, []))
+        with open(f"{s.env['XDG_DATA_HOME']}/QOR Velmora/logs/qor-velmora.log") as log:
+            self.assertIn(line, log.read(), "the application's log keeps it too")
         for name, files in cases.items():
             with self.subTest(name):
                 self.server.files, self.server.asked = {**files, IMAGE: self.image}, []

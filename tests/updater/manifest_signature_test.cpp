@@ -104,8 +104,9 @@ TEST_F(UpdaterTest, CheckBlocksManifestsWithoutATrustedSignature) {
     ASSERT_TRUE(ui_->pumpUntil([&] { return ui_->alerts.size() > alerts; }));
     EXPECT_EQ(ui_->alerts.back(), "已阻止更新|更新清单的签名缺失或无效。|好");
     std::lock_guard lock(mutex);
+    // One for each check, then what the user was shown.
     EXPECT_EQ(std::vector(diagnostics.begin() + lines, diagnostics.end()),
-              std::vector<std::string>(2, line));  // one for each check
+              (std::vector<std::string>{line, line, "已阻止更新: 更新清单的签名缺失或无效。"}));
   }
   EXPECT_TRUE(ui_->progress.empty()) << "nothing downloaded";
   EXPECT_TRUE(entriesOf(temporary_).empty());
