@@ -18,10 +18,9 @@ constexpr std::string_view pageCrashedText =
     "Restart QOR Velmora to try again.";
 constexpr const char* tokenCookieName = "qor_token";
 constexpr const char* gatewayHost = "127.0.0.1";
-constexpr std::string_view blankPage = "about:blank";
 
-// The page is the only thing the view shows: going back would reach the
-// blank page that started the engine.
+// The page is the only thing the view shows: there is nowhere to go back or
+// forward to, and nothing to stop.
 bool leavesThePage(WebKitContextMenuAction action) {
   return action == WEBKIT_CONTEXT_MENU_ACTION_GO_BACK ||
          action == WEBKIT_CONTEXT_MENU_ACTION_GO_FORWARD ||
@@ -88,11 +87,15 @@ void paintBootBackground(WebKitWebView* view) {
 
 }  // namespace
 
-// The blank page starts the engine's page process while the gateway boots; the
-// gateway's page then loads in it without a process start of its own.
+// A throw-away view loads the blank page while the gateway boots, which starts
+// the engine's page process; the page's view shares that process, so the
+// page loads without a process start of its own and is its view's first
+// history entry.
 GatewayWebView::GatewayWebView(Host host)
     : host_(std::move(host)),
-      view_(GObjectPtr<WebKitWebView>::retain(WEBKIT_WEB_VIEW(webkit_web_view_new()))),
+      starter_(GObjectPtr<WebKitWebView>::retain(WEBKIT_WEB_VIEW(webkit_web_view_new()))),
+      view_(GObjectPtr<WebKitWebView>::retain(WEBKIT_WEB_VIEW(
+          g_object_new(WEBKIT_TYPE_WEB_VIEW, "related-view", starter_.get(), nullptr)))),
       scriptDialogs_(host_.window) {
   chooseWebViewRendering(view_.get());
   paintBootBackground(view_.get());
@@ -105,7 +108,7 @@ GatewayWebView::GatewayWebView(Host host)
   g_signal_connect(view_.get(), "context-menu", G_CALLBACK(onContextMenu), this);
   g_signal_connect(view_.get(), "load-changed", G_CALLBACK(onLoadChanged), this);
   g_signal_connect(view_.get(), "web-process-terminated", G_CALLBACK(onWebProcessTerminated), this);
-  webkit_web_view_load_uri(view_.get(), blankPage.data());
+  webkit_web_view_load_uri(starter_.get(), "about:blank");
 }
 
 // The view itself lives on in the window until the window goes.
@@ -169,16 +172,9 @@ gboolean GatewayWebView::onScriptDialog(WebKitWebView*, WebKitScriptDialog* dial
   return true;
 }
 
-// The blank page stays first in the history, where the page's script or a
-// mouse's back button can still reach it; from there the view loads the page
-// afresh at once (coming back from the history cache, the page's pending
-// requests would never end).
-void GatewayWebView::onLoadChanged(WebKitWebView* view, WebKitLoadEvent event, gpointer self) {
-  auto* content = static_cast<GatewayWebView*>(self);
-  const char* uri = webkit_web_view_get_uri(view);
-  if (event == WEBKIT_LOAD_COMMITTED && !content->pageURL_.empty() && uri && uri == blankPage) {
-    content->load(content->pageURL_, content->gatewayToken_);
-  }
+// Once the page is in, its process no longer needs the view that started it.
+void GatewayWebView::onLoadChanged(WebKitWebView*, WebKitLoadEvent event, gpointer self) {
+  if (event == WEBKIT_LOAD_COMMITTED) static_cast<GatewayWebView*>(self)->starter_.reset();
 }
 
 // The editing items, reload and the inspector stay.

@@ -53,6 +53,7 @@ class GatewayWebView : public WebContent {
   static void openWithDefaultHandler(const std::string& url);
 
   const Host host_;
+  GObjectPtr<WebKitWebView> starter_;  // starts the page process; gone once the page is in
   GObjectPtr<WebKitWebView> view_;
   ScriptDialogQueue scriptDialogs_;
   std::string pageURL_;       // the gateway's page, once loaded

@@ -37,8 +37,8 @@ class WebContent {
   virtual void runEditingCommand(std::string_view action) = 0;
 };
 
-// The module's one entry point. The content it makes shows a blank page at
-// first, which starts the engine's page process.
+// The module's one entry point. The content it makes starts the engine's page
+// process at once, before the page is loaded.
 using CreateWebContent = WebContent* (*)(const WebContent::Host& host);
 inline constexpr const char* createWebContentSymbol = "qorCreateWebContent";
 inline constexpr const char* webContentModule = "lib/qor-velmora/libqor-velmora-web.so";
