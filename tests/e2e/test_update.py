@@ -159,7 +159,7 @@ class UpdateTest(UpdateHost):
         apps = f"{s.root}/apps"
         os.makedirs(apps)
         needed = sum(os.path.getsize(f"{p}/{n}") for p, _, ns in os.walk(BUNDLE) for n in ns)
-        subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={needed + (96 << 20)}", "tmpfs",
+        subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={2 * needed + (96 << 20)}", "tmpfs",
                         apps], check=True)
         self.addCleanup(lambda: (s.close(), subprocess.run(["umount", "-l", apps])))
         bundle = stage(apps, OLD)
