@@ -57,4 +57,18 @@ Result<> makePrivateFolder(const std::filesystem::path& path) {
   return {};
 }
 
+std::uintmax_t sizeOfFolder(const std::filesystem::path& folder) {
+  std::uintmax_t total = 0;
+  std::error_code ec;
+  for (std::filesystem::recursive_directory_iterator it(folder, ec), end; !ec && it != end;
+       it.increment(ec)) {
+    std::error_code ignored;
+    if (it->is_regular_file(ignored) && !it->is_symlink(ignored)) {
+      const auto size = it->file_size(ignored);
+      if (!ignored) total += size;
+    }
+  }
+  return total;
+}
+
 }  // namespace qor

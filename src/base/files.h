@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -24,6 +25,10 @@ Result<> writeFileAtomically(const std::filesystem::path& path, std::string_view
 // Creates the folder with any missing parents and makes it the user's alone
 // (0700), also when it existed already.
 Result<> makePrivateFolder(const std::filesystem::path& path);
+
+// The bytes in the regular files below `folder` (links not followed); what
+// cannot be read counts as empty, so this is an estimate.
+std::uintmax_t sizeOfFolder(const std::filesystem::path& folder);
 
 // Mode 0600 for a file the application writes.
 constexpr std::filesystem::perms privateFileMode =

@@ -1,6 +1,6 @@
 #include "sidecar/archiver_failures.h"
 
-#include <cstdint>
+#include "base/files.h"
 
 namespace qor {
 namespace {
@@ -9,20 +9,6 @@ constexpr const char* diskFull = "the disk is full";
 constexpr int unzipDiskFull = 50;
 constexpr int zipWriteError = 14;
 constexpr int zipCreateError = 15;
-
-std::uintmax_t bytesUnder(const std::filesystem::path& source) {
-  std::uintmax_t total = 0;
-  std::error_code ec;
-  for (std::filesystem::recursive_directory_iterator it(source, ec), end; !ec && it != end;
-       it.increment(ec)) {
-    std::error_code sizeError;
-    if (it->is_regular_file(sizeError)) {
-      const auto size = it->file_size(sizeError);
-      if (!sizeError) total += size;
-    }
-  }
-  return total;
-}
 
 }  // namespace
 
@@ -43,7 +29,7 @@ std::string zipFailure(int zipStatus, const std::filesystem::path& source,
 bool lacksRoomFor(const std::filesystem::path& source, const std::filesystem::path& folder) {
   std::error_code ec;
   const auto space = std::filesystem::space(folder, ec);
-  return !ec && space.available < bytesUnder(source);
+  return !ec && space.available < sizeOfFolder(source);
 }
 
 }  // namespace qor

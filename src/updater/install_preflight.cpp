@@ -6,26 +6,13 @@
 #include <algorithm>
 #include <system_error>
 
+#include "base/files.h"
+
 namespace qor {
 namespace {
 
 // Room left beside the copy, so the update does not fill the disk to the brim.
 constexpr std::uintmax_t spaceMargin = 64u << 20;
-
-std::uintmax_t sizeOfFolder(const std::filesystem::path& folder) {
-  std::uintmax_t total = 0;
-  std::error_code ec;
-  for (std::filesystem::recursive_directory_iterator it(folder, ec), end; !ec && it != end;
-       it.increment(ec)) {
-    // Entries that cannot be read count as empty: this is an estimate.
-    std::error_code ignored;
-    if (it->is_regular_file(ignored) && !it->is_symlink(ignored)) {
-      const auto size = it->file_size(ignored);
-      if (!ignored) total += size;
-    }
-  }
-  return total;
-}
 
 }  // namespace
 
