@@ -124,9 +124,10 @@ TEST_F(UpdaterTest, HandOffReplacesTheBundleOnlyAfterTheApplicationHasQuit) {
 TEST_F(UpdaterTest, AFailedInstallIsToldOnceAndItsVersionIsNotOfferedAgainAutomatically) {
   const auto folder = root_ / "support" / "QOR Velmora";
   writeFile(folder / "update-failed", "1.1.0\n");
-  writeFile(
-      root_ / "qor" / "latest.json",
-      json{{"version", "1.1.0"}, {"platforms", {{"linux-x64", publishImage("next")}}}}.dump());
+  const auto manifest =
+      json{{"version", "1.1.0"}, {"platforms", {{"linux-x64", publishImage("next")}}}}.dump();
+  writeFile(root_ / "qor" / "latest.json", manifest);
+  writeFile(root_ / "qor" / "latest.json.sig", signingKey_.signatureFor(manifest));
   ui_->answer = 1;  // "稍后" whenever the update is offered
   const auto updater = makeUpdater();
   updater->scheduleAutomaticCheck();
