@@ -22,10 +22,15 @@ constexpr const char* usage =
 
 Writes the update manifest announcing the update images IMAGE..., one per
 platform, each named QOR-Velmora-<version>-<platform key>.tar.gz (platform keys
-linux-x64 and linux-arm64). Nothing is written when any input is inconsistent.
+linux-x64 and linux-arm64). Debian packages named
+qor-velmora_<version>_<architecture>.deb (amd64, arm64) may be given beside
+them; they are announced under linux-x64-deb and linux-arm64-deb for
+installations the system's package manager owns. Nothing is written when any
+input is inconsistent.
 
   --version VERSION      the release's version, such as 1.1.0; each image's name
-                         and its share/qor-velmora/APP_VERSION must say the same
+                         and its share/qor-velmora/APP_VERSION (a package's name
+                         and its control file) must say the same
   --base-url URL         the https address of the folder the images are published
                          in, on the update host the application was built for
   --notes TEXT           release notes for the update dialog

@@ -15,6 +15,7 @@ namespace qor {
 namespace {
 
 constexpr const char* tar = "/usr/bin/tar";
+constexpr const char* dpkgDeb = "/usr/bin/dpkg-deb";
 constexpr const char* versionEntry = "QOR Velmora/share/qor-velmora/APP_VERSION";
 
 Error badArgument(std::string description) {
@@ -41,6 +42,17 @@ std::vector<std::string> knownPlatformKeys() {
   std::vector<std::string> keys;
   for (const char* machine : {"x86_64", "aarch64"}) keys.push_back(*platformKeyFor(machine));
   return keys;
+}
+
+// Debian's names for those machines, as package files are named.
+struct DebianArchitecture {
+  const char* name;
+  const char* machine;
+};
+constexpr DebianArchitecture debianArchitectures[] = {{"amd64", "x86_64"}, {"arm64", "aarch64"}};
+
+bool isDebianPackage(const std::filesystem::path& file) {
+  return file.extension() == ".deb";
 }
 
 Result<> checkRequest(const ReleaseRequest& request) {
@@ -95,6 +107,45 @@ Result<std::string> platformKeyOfName(const std::filesystem::path& image,
   return key;
 }
 
+// The platform key for the package's name, once the name's version is the
+// release's.
+Result<std::string> packageKeyOfName(const std::filesystem::path& package,
+                                     const std::string& version) {
+  static const std::regex pattern(R"(qor-velmora_([^_]+)_([^_]+)\.deb)");
+  const std::string name = package.filename().string();
+  std::smatch parts;
+  if (!std::regex_match(name, parts, pattern)) {
+    return badImage(package, "the name must be qor-velmora_<version>_<architecture>.deb");
+  }
+  const std::string named = parts[1], architecture = parts[2];
+  const auto known = std::find_if(
+      std::begin(debianArchitectures), std::end(debianArchitectures),
+      [&architecture](const DebianArchitecture& each) { return each.name == architecture; });
+  if (known == std::end(debianArchitectures)) {
+    return badImage(package, "unknown architecture \"" + architecture + "\" (known: amd64, arm64)");
+  }
+  if (named != version) {
+    return mismatch(package,
+                    "named for version " + named + ", but the release is version " + version);
+  }
+  return debianPackageKey(*platformKeyFor(known->machine));
+}
+
+// The version the package installs, from its control file; it must be the
+// application's own package.
+Result<std::string> versionOfPackage(const std::filesystem::path& package) {
+  const auto read = ChildProcess::runCapturingOutput(
+      {.executable = dpkgDeb, .arguments = {"--field", package.string(), "Package", "Version"}});
+  if (!read) return read.error();
+  if (read->status != 0) return badImage(package, "not a Debian package");
+  static const std::regex fields(R"(Package: (.*)\nVersion: (.*)\n?)");
+  std::smatch parts;
+  if (!std::regex_match(read->output, parts, fields) || parts[1] != "qor-velmora") {
+    return badImage(package, "not the qor-velmora package");
+  }
+  return trimmed(parts[2].str());
+}
+
 // The version the image's application reports once installed, read without
 // unpacking the image.
 Result<std::string> versionInside(const std::filesystem::path& image) {
@@ -118,16 +169,18 @@ Result<QorAsset> assetOf(const std::filesystem::path& image, const ReleaseReques
   std::error_code ec;
   const auto size = std::filesystem::file_size(image, ec);
   if (ec) return systemError(ec, "cannot read the size of " + image.string());
-  const auto version = versionInside(image);
+  const bool package = isDebianPackage(image);
+  const auto version = package ? versionOfPackage(image) : versionInside(image);
   if (!version) return version.error();
   if (*version != request.version) {
-    return mismatch(image, "holds version \"" + *version + "\" (" + versionEntry +
+    return mismatch(image, "holds version \"" + *version + "\" (" +
+                               (package ? "its control file" : versionEntry) +
                                "), but the release is version " + request.version);
   }
   std::string url = request.baseUrl;
   if (!url.ends_with('/')) url += '/';
-  // The names the pattern admits are made of letters, digits, "-" and ".",
-  // which need no %-escapes.
+  // The names the patterns admit are made of letters, digits, "-", "_" and
+  // ".", which need no %-escapes.
   url += image.filename().string();
   return QorAsset{url, *digest, static_cast<std::int64_t>(size)};
 }
@@ -139,10 +192,13 @@ Result<QorManifest> writeReleaseManifest(const ReleaseRequest& request,
   if (const auto checked = checkRequest(request); !checked) return checked.error();
   QorManifest manifest{request.version, request.notes, request.minVersion, {}};
   for (const auto& image : request.images) {
-    const auto key = platformKeyOfName(image, request.version);
+    const bool package = isDebianPackage(image);
+    const auto key = package ? packageKeyOfName(image, request.version)
+                             : platformKeyOfName(image, request.version);
     if (!key) return key.error();
     if (manifest.platforms.contains(*key)) {
-      return mismatch(image, "a second image for " + *key);
+      return mismatch(image,
+                      std::string("a second ") + (package ? "package" : "image") + " for " + *key);
     }
     const auto asset = assetOf(image, request);
     if (!asset) return asset.error();

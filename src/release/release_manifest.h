@@ -7,6 +7,11 @@
 // "QOR Velmora"; the version inside is the trimmed text of
 // "QOR Velmora/share/qor-velmora/APP_VERSION".
 //
+// Beside the images, the Debian packages (qor-velmora_<version>_<architecture>.deb,
+// architectures amd64 and arm64) are announced under the platform keys
+// "linux-x64-deb" and "linux-arm64-deb", for installations the system's
+// package manager owns; the version is the one in the package's control file.
+//
 // Threads: the calling thread only; blocks while it reads the images.
 #pragma once
 
@@ -25,7 +30,7 @@ struct ReleaseRequest {
   std::string baseUrl;                        // https address of the folder holding the images
   std::optional<std::string> notes;           // shown in the update dialog
   std::optional<std::string> minVersion;      // running versions below it must update
-  std::vector<std::filesystem::path> images;  // one per platform
+  std::vector<std::filesystem::path> images;  // images and packages, one per platform key
 };
 
 inline constexpr const char* releaseErrorDomain = "QOR.release";

@@ -73,33 +73,41 @@ void Updater::proceedInstall() {
   }).detach();
 }
 
-// Background thread. Digest first, then size, then extraction.
+// Background thread. Digest first, then size.
+std::optional<std::pair<std::string, std::string>> Updater::verifyDownload(
+    const std::filesystem::path& file, const QorAsset& asset) {
+  const auto digest = sha256OfFile(file);
+  if (!digest) return {{texts::failedTitle, texts::unreadable + digest.error().description}};
+  if (*digest != asciiLowercased(asset.sha256)) {
+    return {{texts::blockedTitle,
+             texts::digestMismatch + firstCharacters(asset.sha256, quotedDigestLength) +
+                 texts::digestActual + digest->substr(0, quotedDigestLength) + texts::ellipsis}};
+  }
+  if (asset.size) {
+    std::error_code ec;
+    const auto size = std::filesystem::file_size(file, ec);
+    // A size that cannot be read is not checked.
+    if (!ec && static_cast<std::int64_t>(size) != *asset.size) {
+      return {{texts::blockedTitle, texts::sizeMismatchBefore + std::to_string(size) +
+                                        texts::sizeMismatchBetween + std::to_string(*asset.size) +
+                                        texts::sizeMismatchAfter}};
+    }
+  }
+  return std::nullopt;
+}
+
+// Background thread. The download's checks, then extraction.
 Updater::InstallPreparation Updater::prepareInstall(
     const std::filesystem::path& image, const QorAsset& asset,
     const std::filesystem::path& temporaryDirectory) {
   InstallPreparation preparation{.image = image};
-  const auto fail = [&preparation](const char* title, std::string text) {
-    preparation.failureTitle = title;
+  const auto fail = [&preparation](std::string title, std::string text) {
+    preparation.failureTitle = std::move(title);
     preparation.failureText = std::move(text);
     return preparation;
   };
-
-  const auto digest = sha256OfFile(image);
-  if (!digest) return fail(texts::failedTitle, texts::unreadable + digest.error().description);
-  if (*digest != asciiLowercased(asset.sha256)) {
-    return fail(texts::blockedTitle,
-                texts::digestMismatch + firstCharacters(asset.sha256, quotedDigestLength) +
-                    texts::digestActual + digest->substr(0, quotedDigestLength) + texts::ellipsis);
-  }
-  if (asset.size) {
-    std::error_code ec;
-    const auto size = std::filesystem::file_size(image, ec);
-    // A size that cannot be read is not checked.
-    if (!ec && static_cast<std::int64_t>(size) != *asset.size) {
-      return fail(texts::blockedTitle, texts::sizeMismatchBefore + std::to_string(size) +
-                                           texts::sizeMismatchBetween +
-                                           std::to_string(*asset.size) + texts::sizeMismatchAfter);
-    }
+  if (auto failure = verifyDownload(image, asset)) {
+    return fail(std::move(failure->first), std::move(failure->second));
   }
 
   // A private folder (mode 0700) that nobody else can have prepared.
@@ -145,14 +153,19 @@ void Updater::installPrepared(InstallPreparation preparation) {
     showInfo(texts::failedTitle, texts::scriptFailed);
     return;
   }
-  // Whatever way the alert ends, the update goes on.
+  offerRestart(*script);
+}
+
+// UI thread. Whatever way the alert ends, the update goes on: the script
+// starts, and the application quits.
+void Updater::offerRestart(const std::filesystem::path& script) {
   dialogs_->showAlert(
       {.title = texts::readyTitle +
                 (manifest_ ? manifest_->version : std::string(texts::readyTitleWithoutManifest)),
        .text = texts::readyText,
        .style = UpdateAlertStyle::informational,
        .buttons = {texts::restartButton}},
-      [weak = weak_from_this(), script = *script](std::optional<std::size_t>) {
+      [weak = weak_from_this(), script](std::optional<std::size_t>) {
         if (const auto self = weak.lock()) {
           self->launchDetached(script);
           self->scheduleTermination();
@@ -185,9 +198,15 @@ std::optional<std::filesystem::path> Updater::writeInstallHelper(
       .exchangeTool = settings_.bundleRoot / "lib" / "qor-velmora" / "qor-exchange",
       .failureMark = failureMark(),
   };
+  return writeHelperScript(script.text());
+}
+
+// A script for launchDetached() in the temporary folder.
+std::optional<std::filesystem::path> Updater::writeHelperScript(const std::string& text) const {
   const auto file = settings_.temporaryDirectory / ("qor-install-" + randomUUID() + ".sh");
-  if (!writeFileAtomically(file, script.text())) return std::nullopt;
+  if (!writeFileAtomically(file, text)) return std::nullopt;
   // Best effort: the script is started through bash, which needs no x bit.
+  std::error_code ignored;
   std::filesystem::permissions(file, std::filesystem::perms(0755),
                                std::filesystem::perm_options::replace, ignored);
   return file;

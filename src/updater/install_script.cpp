@@ -1,5 +1,6 @@
 #include "updater/install_script.h"
 
+#include <initializer_list>
 #include <string_view>
 
 namespace qor {
@@ -16,12 +17,40 @@ std::string shellQuoted(const std::filesystem::path& path) {
   return quoted + "'";
 }
 
+namespace {
+
+// Expects PID: waits for the running application to exit (at most about 30 s).
+constexpr const char* waitForProcess =
+    "# wait for the running app to fully exit (max ~30s)\n"
+    "i=0\n"
+    "while kill -0 \"$PID\" 2>/dev/null; do\n"
+    "  sleep 0.3; i=$((i+1)); [ $i -gt 100 ] && break\n"
+    "done\n"
+    "sleep 1";
+
+// Expects DST: starts the bundle in a session of its own, so the
+// application outlives the script, and logs it.
+constexpr const char* relaunch =
+    "  /usr/bin/setsid -f \"$DST/bin/qor-velmora\" >/dev/null 2>&1 </dev/null\n"
+    "  echo \"[$(date)] relaunched\"";
+
+std::string joinedLines(std::initializer_list<std::string> lines) {
+  std::string script;
+  for (const auto& line : lines) {
+    if (!script.empty()) script += '\n';
+    script += line;
+  }
+  return script;
+}
+
+}  // namespace
+
 std::filesystem::path InstallScript::nextBundle() const {
   return destination.parent_path() / ("." + destination.filename().string() + ".update");
 }
 
 std::string InstallScript::text() const {
-  const std::string lines[] = {
+  return joinedLines({
       "#!/bin/bash",
       "set -u",
       "umask 077",
@@ -35,12 +64,7 @@ std::string InstallScript::text() const {
       "DMG=" + shellQuoted(image),
       "LOG=" + shellQuoted(log),
       "FAILED=" + shellQuoted(failureMark),
-      "# wait for the running app to fully exit (max ~30s)",
-      "i=0",
-      "while kill -0 \"$PID\" 2>/dev/null; do",
-      "  sleep 0.3; i=$((i+1)); [ $i -gt 100 ] && break",
-      "done",
-      "sleep 1",
+      waitForProcess,
       "# keeps the installed bundle and tells the next start",
       "fail() { echo \"copy FAILED: $1\"; rm -rf \"$NEXT\"; echo \"$VERSION\" > \"$FAILED\"; }",
       "{",
@@ -61,17 +85,24 @@ std::string InstallScript::text() const {
       "  fi",
       "  rm -rf \"$MOUNT\"",
       "  rm -f \"$DMG\"",
-      // A session of its own, so the application outlives this script.
-      "  /usr/bin/setsid -f \"$DST/bin/qor-velmora\" >/dev/null 2>&1 </dev/null",
-      "  echo \"[$(date)] relaunched\"",
+      relaunch,
       "} >> \"$LOG\" 2>&1",
-  };
-  std::string script;
-  for (const auto& line : lines) {
-    if (!script.empty()) script += '\n';
-    script += line;
-  }
-  return script;
+  });
+}
+
+std::string RelaunchScript::text() const {
+  return joinedLines({
+      "#!/bin/bash",
+      "set -u",
+      "PID=" + std::to_string(processId),
+      "DST=" + shellQuoted(bundle),
+      "LOG=" + shellQuoted(log),
+      waitForProcess,
+      "{",
+      "  echo \"[$(date)] $DST updated by the system's package manager\"",
+      relaunch,
+      "} >> \"$LOG\" 2>&1",
+  });
 }
 
 }  // namespace qor

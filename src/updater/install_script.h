@@ -38,6 +38,18 @@ struct InstallScript {
   std::string text() const;
 };
 
+// The script that starts the bundle again once the application has quit,
+// after the system's package manager has replaced it: it waits for the old
+// process as the install script does and logs to update.log.
+struct RelaunchScript {
+  pid_t processId = 0;           // the process to wait for
+  std::filesystem::path bundle;  // the installed bundle folder
+  std::filesystem::path log;     // update.log
+
+  // The script, lines joined by "\n", no line feed after the last.
+  std::string text() const;
+};
+
 // `path` between single quotes for the shell; a "'" inside becomes '\''.
 std::string shellQuoted(const std::filesystem::path& path);
 

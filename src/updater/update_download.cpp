@@ -40,10 +40,14 @@ void Updater::beginDownload() {
     showInfo(texts::blockedTitle, texts::untrustedAddress + address->host.value_or(texts::noHost));
     return;
   }
-  // Nothing is downloaded that could not be installed.
-  const auto preflight = checkInstallPreflight(
-      settings_.bundleRoot,
-      static_cast<std::uintmax_t>(std::max<std::int64_t>(asset_->size.value_or(0), 0)));
+  // Nothing is downloaded that could not be installed. The package
+  // installer, not this user, writes the package's files.
+  const auto preflight =
+      assetIsPackage_
+          ? InstallPreflight{}
+          : checkInstallPreflight(
+                settings_.bundleRoot,
+                static_cast<std::uintmax_t>(std::max<std::int64_t>(asset_->size.value_or(0), 0)));
   if (preflight.outcome == InstallPreflight::Outcome::notReplaceable) {
     showPackageManaged();
     return;
@@ -57,7 +61,9 @@ void Updater::beginDownload() {
     return;
   }
 
-  downloadTarget_ = settings_.temporaryDirectory / ("qor-update-" + randomUUID() + ".tar.gz");
+  // The package installer takes a local file by its ".deb".
+  downloadTarget_ = settings_.temporaryDirectory /
+                    ("qor-update-" + randomUUID() + (assetIsPackage_ ? ".deb" : ".tar.gz"));
   progressShown_ = true;
   progressDeterminate_ = false;
   dialogs_->showProgress(
@@ -137,7 +143,11 @@ void Updater::downloadEnded(unsigned generation, Result<std::filesystem::path> f
   } else {
     removeQuietly(*file);
   }
-  proceedInstall();
+  if (assetIsPackage_) {
+    installPackage();
+  } else {
+    proceedInstall();
+  }
 }
 
 void Updater::closeProgress() {

@@ -73,6 +73,10 @@ inline constexpr const char* readyTitleWithoutManifest = "新版本";
 inline constexpr const char* readyText = "QOR 将退出并自动重启，窗口会在几秒后重新打开。";
 inline constexpr const char* restartButton = "立即重启";
 
+// A Debian package installed through the privileged runner.
+inline constexpr const char* packageFailedBefore = "未能通过系统的软件包管理器安装 ";
+inline constexpr const char* packageFailedAfter = "（授权被拒绝或安装出错），当前版本继续运行。";
+
 // The next start, after the install script kept the old version.
 inline constexpr const char* installFailedBefore = "无法安装更新 ";
 inline constexpr const char* installFailedKept = "，已保留当前版本 ";

@@ -151,8 +151,14 @@ void Updater::completeCheck(bool silent, const Result<HttpResponse>& response,
 void Updater::applyManifest(QorManifest manifest) {
   manifest_ = std::move(manifest);
   const auto key = platformKey();
-  const auto entry = key ? manifest_->platforms.find(*key) : manifest_->platforms.end();
-  if (entry == manifest_->platforms.end()) {
+  const auto& platforms = manifest_->platforms;
+  const bool inPlace = canReplaceBundle(settings_.bundleRoot);
+  // A bundle that cannot be replaced in place takes the machine's Debian
+  // package when the release has one.
+  auto entry = key && !inPlace ? platforms.find(debianPackageKey(*key)) : platforms.end();
+  const bool package = entry != platforms.end();
+  if (!package && key) entry = platforms.find(*key);
+  if (entry == platforms.end()) {
     if (!silent_) {
       showInfo(texts::cannotUpdateTitle,
                texts::noAssetBefore + key.value_or(texts::unknownPlatform) + texts::noAssetAfter);
@@ -160,6 +166,7 @@ void Updater::applyManifest(QorManifest manifest) {
     return;
   }
   asset_ = entry->second;
+  assetIsPackage_ = package;
   const auto current = currentVersion();
   if (!isNewer(manifest_->version, current)) {
     if (!silent_) {
@@ -168,7 +175,7 @@ void Updater::applyManifest(QorManifest manifest) {
     return;
   }
   if (silent_ && manifest_->version == failedVersion_) return;
-  if (!canReplaceBundle(settings_.bundleRoot)) {
+  if (!inPlace && !package) {
     showPackageManaged();
     return;
   }

@@ -4,7 +4,10 @@
 // downloads the image for this machine from the trusted host, verifies it
 // (SHA-256, then size), extracts it into a private staging folder and hands
 // over to a detached install script that replaces the bundle after the
-// application has quit.
+// application has quit. A bundle this user cannot replace (the one the
+// system's package manager owns) takes the machine's Debian package instead,
+// verified the same way and installed by the package installer through the
+// privileged runner, or is left to the package manager when there is none.
 //
 // Threads: the owner and the dialogs use the UI thread. Manifest requests,
 // downloads, timers, hashing and extraction run on background threads and
@@ -26,6 +29,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "base/error.h"
@@ -60,6 +64,8 @@ class Updater : public std::enable_shared_from_this<Updater> {
     pid_t processToAwait = 0;                  // for the install script; 0: this process
     double clockSpeed = 1.0;
     std::vector<std::string> trustedKeys = pinnedUpdateKeys();  // base64 Ed25519 public keys
+    // Runs the package installer as root, for a bundle the user cannot replace.
+    std::filesystem::path privilegedRunner = qor::privilegedRunner;
     // Takes one line, on a request's thread; empty: standard error, "[updater] " first.
     std::function<void(const std::string&)> diagnostics;
   };
@@ -95,7 +101,8 @@ class Updater : public std::enable_shared_from_this<Updater> {
   }
 
   // UI thread. The last decoded manifest and the asset it offered this
-  // machine; a later failing check leaves both as they were.
+  // machine (its Debian package when the bundle cannot be replaced in place);
+  // a later failing check leaves both as they were.
   const std::optional<QorManifest>& manifest() const { return manifest_; }
   const std::optional<QorAsset>& asset() const { return asset_; }
 
@@ -118,8 +125,15 @@ class Updater : public std::enable_shared_from_this<Updater> {
   void downloadEnded(unsigned generation, Result<std::filesystem::path> file);
   void closeProgress();
 
+  // Installing the Debian package (package_install.cpp).
+  void installPackage();
+  void packageInstallEnded(std::optional<std::pair<std::string, std::string>> failure);
+
   // Verifying and handing over (install_hand_off.cpp).
   void proceedInstall();
+  // The dialog (title, text) for a download that is not the asset.
+  static std::optional<std::pair<std::string, std::string>> verifyDownload(
+      const std::filesystem::path& file, const QorAsset& asset);
   static InstallPreparation prepareInstall(const std::filesystem::path& image,
                                            const QorAsset& asset,
                                            const std::filesystem::path& temporaryDirectory);
@@ -129,9 +143,11 @@ class Updater : public std::enable_shared_from_this<Updater> {
                                                           const std::filesystem::path& dstApp,
                                                           const std::filesystem::path& mount,
                                                           const std::filesystem::path& dmg);
+  std::optional<std::filesystem::path> writeHelperScript(const std::string& text) const;
   std::filesystem::path updateLog() const;
   std::filesystem::path failureMark() const;
   void reportFailedInstall();
+  void offerRestart(const std::filesystem::path& script);
   void launchDetached(const std::filesystem::path& script);
   void scheduleTermination();
   static void detach(const std::filesystem::path& mount);
@@ -151,6 +167,7 @@ class Updater : public std::enable_shared_from_this<Updater> {
 
   std::optional<QorManifest> manifest_;
   std::optional<QorAsset> asset_;
+  bool assetIsPackage_ = false;  // asset_ is the Debian package, for a bundle not replaceable
   std::shared_ptr<HttpsDownload> downloadTask_;
   std::optional<std::filesystem::path> downloadTarget_;
   // The version whose install failed in the last run: the automatic check

@@ -72,6 +72,10 @@ std::optional<std::string> platformKey() {
   return platformKeyFor(names.machine);
 }
 
+std::string debianPackageKey(std::string_view platformKey) {
+  return std::string(platformKey) + "-deb";
+}
+
 std::string currentVersion(const std::filesystem::path& bundleRoot) {
   const auto text = readTextFile(bundleRoot / "share" / "qor-velmora" / "APP_VERSION");
   if (!text) return unknownVersion;

@@ -30,6 +30,10 @@ std::optional<std::string> platformKeyFor(std::string_view machine);
 // The key of the machine this runs on, read afresh on every call.
 std::optional<std::string> platformKey();
 
+// The manifest's key for the Debian package of the machine whose image key
+// is `platformKey`: "linux-x64-deb" for "linux-x64".
+std::string debianPackageKey(std::string_view platformKey);
+
 // The running application's version: the trimmed text of
 // share/qor-velmora/APP_VERSION in the bundle; "0.0.0" when it is missing
 // or empty.

@@ -40,6 +40,26 @@ class ReleaseTool : public ::testing::Test {
     return image;
   }
 
+  // A Debian package at `name` below the folder whose control file names
+  // `package` at `packageVersion`.
+  fs::path makePackage(const std::string& name, const std::string& packageVersion,
+                       const std::string& package = "qor-velmora") {
+    const auto root = folder / "staging" / name;
+    const auto file = folder / name;
+    fs::create_directories(root / "DEBIAN");
+    fs::create_directories(file.parent_path());
+    EXPECT_TRUE(writeFileAtomically(root / "DEBIAN/control",
+                                    "Package: " + package + "\nVersion: " + packageVersion +
+                                        "\nArchitecture: all\nMaintainer: QOR <q@example.org>\n"
+                                        "Description: test package\n"));
+    fs::permissions(root / "DEBIAN/control", fs::perms(0644));
+    const auto built = ChildProcess::run({.executable = "/usr/bin/dpkg-deb",
+                                          .arguments = {"--build", root, file},
+                                          .output = OutputMode::discard});
+    EXPECT_TRUE(built && *built == 0) << name;
+    return file;
+  }
+
   // The asset the updater should find for `image`, hashed by another program.
   static QorAsset assetOf(const fs::path& image, const std::string& folderUrl) {
     const auto sum = ChildProcess::runCapturingOutput(
@@ -80,6 +100,26 @@ TEST_F(ReleaseTool, WritesAManifestTheUpdaterDecodes) {
   }
 }
 
+TEST_F(ReleaseTool, AnnouncesDebianPackagesBesideTheImages) {
+  const auto image = makeImage("QOR-Velmora-1.1.0-linux-x64.tar.gz", "1.1.0");
+  const auto amd64 = makePackage("qor-velmora_1.1.0_amd64.deb", "1.1.0");
+  const auto arm64 = makePackage("qor-velmora_1.1.0_arm64.deb", "1.1.0");
+  const auto output = folder / "latest.json";
+  const std::string base = "https://u.example/qor/";
+  const auto written = writeReleaseManifest({"1.1.0", base, {}, {}, {amd64, image, arm64}}, output);
+  ASSERT_TRUE(written) << written.error().description;
+  const QorManifest expected{"1.1.0",
+                             {},
+                             {},
+                             {{"linux-x64", assetOf(image, base)},
+                              {"linux-x64-deb", assetOf(amd64, base)},
+                              {"linux-arm64-deb", assetOf(arm64, base)}}};
+  EXPECT_EQ(*written, expected);
+  const auto decoded = decodeManifest(readTextFile(output).value_or(""));
+  ASSERT_TRUE(decoded) << decoded.error().description;
+  EXPECT_EQ(*decoded, expected);
+}
+
 TEST_F(ReleaseTool, RefusesInconsistentInputAndWritesNothing) {
   const auto good = makeImage("QOR-Velmora-1.1.0-linux-x64.tar.gz", "1.1.0");
   const auto copy = makeImage("copy/QOR-Velmora-1.1.0-linux-x64.tar.gz", "1.1.0");
@@ -92,6 +132,15 @@ TEST_F(ReleaseTool, RefusesInconsistentInputAndWritesNothing) {
   ASSERT_TRUE(writeFileAtomically(notTar, "not an image"));
   const auto missing = folder / "gone/QOR-Velmora-1.1.0-linux-arm64.tar.gz";
   const auto misnamed = folder / "Velmora-1.1.0-linux-x64.tar.gz";
+  const auto package = makePackage("qor-velmora_1.1.0_amd64.deb", "1.1.0");
+  const auto packageCopy = makePackage("copy/qor-velmora_1.1.0_amd64.deb", "1.1.0");
+  const auto packageNamedOld = makePackage("qor-velmora_1.0.9_arm64.deb", "1.1.0");
+  const auto packageHoldsOld = makePackage("qor-velmora_1.1.0_arm64.deb", "1.0.9");
+  const auto otherPackage = makePackage("other/qor-velmora_1.1.0_arm64.deb", "1.1.0", "other");
+  const auto i386 = makePackage("qor-velmora_1.1.0_i386.deb", "1.1.0");
+  const auto packageMisnamed = makePackage("qor-velmora-1.1.0-amd64.deb", "1.1.0");
+  const auto notPackage = folder / "text/qor-velmora_1.1.0_arm64.deb";
+  ASSERT_TRUE(writeFileAtomically(notPackage, "not a package"));
 
   const auto with = [&](const std::function<void(ReleaseRequest&)>& change) {
     ReleaseRequest request{"1.1.0", "https://u.example/qor", "notes", "1.0.0", {good}};
@@ -123,6 +172,20 @@ TEST_F(ReleaseTool, RefusesInconsistentInputAndWritesNothing) {
                              ": holds version \"1.0.9\" (QOR Velmora/share/qor-velmora/"
                              "APP_VERSION), but the release is version 1.1.0"},
       {adding(notTar), notTar.string() + ": not a gzip-compressed tar archive"},
+      {with([&](auto& r) {
+         r.images = {good, package, packageCopy};
+       }),
+       packageCopy.string() + ": a second package for linux-x64-deb"},
+      {adding(packageNamedOld),
+       packageNamedOld.string() + ": named for version 1.0.9, but the release is version 1.1.0"},
+      {adding(packageHoldsOld),
+       packageHoldsOld.string() +
+           ": holds version \"1.0.9\" (its control file), but the release is version 1.1.0"},
+      {adding(otherPackage), otherPackage.string() + ": not the qor-velmora package"},
+      {adding(i386), i386.string() + ": unknown architecture \"i386\" (known: amd64, arm64)"},
+      {adding(packageMisnamed),
+       packageMisnamed.string() + ": the name must be qor-velmora_<version>_<architecture>.deb"},
+      {adding(notPackage), notPackage.string() + ": not a Debian package"},
       {adding(noBundle), noBundle.string() +
                              ": has no \"QOR Velmora/share/qor-velmora/APP_VERSION\": its "
                              "top-level entry must be the folder \"QOR Velmora\""},

@@ -1,0 +1,134 @@
+// A bundle the system's package manager owns takes the release's Debian
+// package: downloaded and verified like an image, then handed to the package
+// installer through the privileged runner, here a stand-in that records what
+// it was asked and answers as the test says.
+#include "updater_test_support.h"
+
+namespace qor::testing {
+namespace {
+
+class PackageInstallTest : public UpdaterTest {
+ protected:
+  void SetUp() override {
+    UpdaterTest::SetUp();
+    writeFile(bundle_ / "share" / "qor-velmora" / "PACKAGE_MANAGED", "deb\n");
+    // The installed program the relaunch starts.
+    writeFile(bundle_ / "bin" / "qor-velmora",
+              "#!/bin/sh\necho started > \"${0%/*}/../started\"\n");
+    std::filesystem::permissions(bundle_ / "bin" / "qor-velmora", std::filesystem::perms(0755));
+  }
+
+  // A stand-in runner that records its arguments and the digest of the file
+  // it was given, then exits with `status`.
+  std::filesystem::path makeRunner(int status) const {
+    const auto runner = root_ / "runner";
+    writeFile(runner, "#!/bin/sh\nprintf '%s\\n' \"$@\" > '" + asked_.string() +
+                          "'\nsha256sum \"$4\" | cut -c1-64 >> '" + asked_.string() +
+                          "'\nexit " + std::to_string(status) + "\n");
+    std::filesystem::permissions(runner, std::filesystem::perms(0755));
+    return runner;
+  }
+
+  // Offers 1.1.0 with an image and a package for this machine, and accepts.
+  void acceptPackageUpdate(Updater& updater, const json& package) {
+    const auto manifest = json{{"version", "1.1.0"},
+                               {"platforms",
+                                {{"linux-x64", publishImage("next")},
+                                 {"linux-x64-deb", package},
+                                 {"linux-arm64-deb", {{"url", url("/other.deb")},
+                                                      {"sha256", std::string(64, '0')}}}}}}
+                              .dump();
+    writeFile(root_ / "qor" / "latest.json", manifest);
+    writeFile(root_ / "qor" / "latest.json.sig", signingKey_.signatureFor(manifest));
+    ui_->answer = 0;
+    updater.checkForUpdates();
+  }
+
+  const std::filesystem::path asked_ = root_ / "runner-asked";
+  const std::string packageBytes = "a Debian package of 1.1.0";
+  const std::string packageDigest = // sha256 of packageBytes
+      ChildProcess::runCapturingOutput(
+          {"/bin/sh", {"-c", "printf %s \"$1\" | sha256sum | cut -c1-64", "sh", packageBytes}})
+          .value()
+          .output.substr(0, 64);
+  json package() {
+    writeFile(root_ / "qor-velmora_1.1.0_amd64.deb", packageBytes);
+    return {{"url", url("/qor-velmora_1.1.0_amd64.deb")},
+            {"sha256", packageDigest},
+            {"size", packageBytes.size()}};
+  }
+  static constexpr const char* offer =
+      "发现新版本 1.1.0|当前版本：1.0.0\n建议更新以获得最新修复与改进。|立即更新,稍后";
+};
+
+TEST_F(PackageInstallTest, TheVerifiedPackageIsInstalledAndTheNewVersionStarted) {
+  // Stands in for this application, which the relaunch waits for.
+  const auto application = ChildProcess::launch({"/bin/sleep", {"60"}}).value();
+  const pid_t pid = application->pid();
+  const auto runner = makeRunner(0);
+  const auto updater = makeUpdater([&](auto& s) {
+    s.processToAwait = pid, s.clockSpeed = 1, s.privilegedRunner = runner;
+  });
+  bool terminated = false;
+  updater->terminateApplication = [&] { terminated = true; };
+  acceptPackageUpdate(*updater, package());
+
+  ASSERT_TRUE(ui_->pumpUntil([&] { return terminated; }, 30s));
+  EXPECT_EQ(ui_->alerts, (std::vector<std::string>{
+                             offer, "准备安装 1.1.0|QOR 将退出并自动重启，窗口会在几秒后重新打开。|"
+                                    "立即重启"}));
+  ASSERT_FALSE(ui_->progress.empty());
+  EXPECT_EQ(ui_->progress.front(),
+            "show 正在下载更新 1.1.0|下载完成并校验通过后，QOR 将自动重启完成安装。|取消");
+  EXPECT_PRED2(fits,
+               "/usr/bin/apt-get\ninstall\n-y\n" + temporary_.string() + "/qor-update-*.deb\n" +
+                   packageDigest + "\n",
+               readFile(asked_));
+  // Neither the package nor a staging folder: only the relaunch script.
+  const auto left = entriesOf(temporary_);
+  ASSERT_EQ(left.size(), 1u);
+  EXPECT_PRED2(fits, "qor-install-*.sh", *left.begin());
+  EXPECT_EQ(readFile(bundle_ / "started"), "") << "started only once the application is gone";
+
+  application->kill();
+  EXPECT_TRUE(ui_->pumpUntil([&] { return readFile(bundle_ / "started") == "started\n"; }));
+  const auto log = root_ / "support" / "QOR Velmora" / "update.log";
+  ASSERT_TRUE(ui_->pumpUntil([&] { return readFile(log).ends_with("] relaunched\n"); }));
+  EXPECT_PRED2(fits, "*] " + bundle_.string() + " updated by the system's package manager\n*",
+               readFile(log));
+}
+
+TEST_F(PackageInstallTest, ARefusedOrFailedInstallIsToldAndTheApplicationKeepsRunning) {
+  const std::pair<std::function<json(json)>, std::string> cases[] = {
+      // The runner refuses (the prompt was dismissed, or the installer failed).
+      {[](json asset) { return asset; },
+       "更新失败|未能通过系统的软件包管理器安装 1.1.0（授权被拒绝或安装出错），当前版本继续运行。"
+       "|好"},
+      // A package that is not the one announced never reaches the runner.
+      {[](json asset) { return asset["sha256"] = std::string(64, 'a'), asset; },
+       "已阻止更新|安装包校验和不匹配，可能已损坏或被篡改。\n期望 aaaaaaaaaaaaaaaa…\n实际 " +
+           packageDigest.substr(0, 16) + "…|好"},
+      {[](json asset) { return asset["size"] = 3, asset; },
+       "已阻止更新|安装包大小与清单不一致（25 ≠ 3）。|好"},
+  };
+  for (const auto& [change, failure] : cases) {
+    std::filesystem::remove(asked_);
+    ui_->alerts.clear();
+    const auto runner = makeRunner(126);
+    const auto updater = makeUpdater([&](auto& s) { s.privilegedRunner = runner; });
+    bool terminated = false;
+    updater->terminateApplication = [&] { terminated = true; };
+    acceptPackageUpdate(*updater, change(package()));
+
+    ASSERT_TRUE(ui_->pumpUntil([&] { return ui_->alerts.size() == 2; })) << failure;
+    EXPECT_EQ(ui_->alerts[1], failure);
+    EXPECT_EQ(std::filesystem::exists(asked_), failure.starts_with("更新失败")) << failure;
+    EXPECT_TRUE(entriesOf(temporary_).empty()) << failure;
+    ui_->pumpFor(700ms);  // longer than the hand-off's wait before quitting
+    EXPECT_FALSE(terminated) << failure;
+    EXPECT_EQ(ui_->alerts.size(), 2u) << failure;
+  }
+}
+
+}  // namespace
+}  // namespace qor::testing
