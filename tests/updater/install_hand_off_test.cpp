@@ -124,7 +124,7 @@ TEST_F(UpdaterTest, HandOffReplacesTheBundleOnlyAfterTheApplicationHasQuit) {
 TEST_F(UpdaterTest, AFailedInstallIsToldOnceAndItsVersionIsNotOfferedAgainAutomatically) {
   const auto folder = root_ / "support" / "QOR Velmora";
   writeFile(folder / "update-failed", "1.1.0\n");
-  publishUpdate(publishImage("next"));
+  publishUpdate({{"linux-x64", publishImage("next")}});
   ui_->answer = 1;  // "稍后" whenever the update is offered
   const auto updater = makeUpdater();
   updater->scheduleAutomaticCheck();

@@ -23,30 +23,25 @@ class PackageInstallTest : public UpdaterTest {
   std::filesystem::path makeRunner(int status) const {
     const auto runner = root_ / "runner";
     writeFile(runner, "#!/bin/sh\nprintf '%s\\n' \"$@\" > '" + asked_.string() +
-                          "'\nsha256sum \"$4\" | cut -c1-64 >> '" + asked_.string() +
-                          "'\nexit " + std::to_string(status) + "\n");
+                          "'\nsha256sum \"$4\" | cut -c1-64 >> '" + asked_.string() + "'\nexit " +
+                          std::to_string(status) + "\n");
     std::filesystem::permissions(runner, std::filesystem::perms(0755));
     return runner;
   }
 
   // Offers 1.1.0 with an image and a package for this machine, and accepts.
   void acceptPackageUpdate(Updater& updater, const json& package) {
-    const auto manifest = json{{"version", "1.1.0"},
-                               {"platforms",
-                                {{"linux-x64", publishImage("next")},
-                                 {"linux-x64-deb", package},
-                                 {"linux-arm64-deb", {{"url", url("/other.deb")},
-                                                      {"sha256", std::string(64, '0')}}}}}}
-                              .dump();
-    writeFile(root_ / "qor" / "latest.json", manifest);
-    writeFile(root_ / "qor" / "latest.json.sig", signingKey_.signatureFor(manifest));
+    publishUpdate(
+        {{"linux-x64", publishImage("next")},
+         {"linux-x64-deb", package},
+         {"linux-arm64-deb", {{"url", url("/other.deb")}, {"sha256", std::string(64, '0')}}}});
     ui_->answer = 0;
     updater.checkForUpdates();
   }
 
   const std::filesystem::path asked_ = root_ / "runner-asked";
   const std::string packageBytes = "a Debian package of 1.1.0";
-  const std::string packageDigest = // sha256 of packageBytes
+  const std::string packageDigest =  // sha256 of packageBytes
       ChildProcess::runCapturingOutput(
           {"/bin/sh", {"-c", "printf %s \"$1\" | sha256sum | cut -c1-64", "sh", packageBytes}})
           .value()
@@ -66,17 +61,17 @@ TEST_F(PackageInstallTest, TheVerifiedPackageIsInstalledAndTheNewVersionStarted)
   const auto application = ChildProcess::launch({"/bin/sleep", {"60"}}).value();
   const pid_t pid = application->pid();
   const auto runner = makeRunner(0);
-  const auto updater = makeUpdater([&](auto& s) {
-    s.processToAwait = pid, s.clockSpeed = 1, s.privilegedRunner = runner;
-  });
+  const auto updater = makeUpdater(
+      [&](auto& s) { s.processToAwait = pid, s.clockSpeed = 1, s.privilegedRunner = runner; });
   bool terminated = false;
   updater->terminateApplication = [&] { terminated = true; };
   acceptPackageUpdate(*updater, package());
 
   ASSERT_TRUE(ui_->pumpUntil([&] { return terminated; }, 30s));
   EXPECT_EQ(ui_->alerts, (std::vector<std::string>{
-                             offer, "准备安装 1.1.0|QOR 将退出并自动重启，窗口会在几秒后重新打开。|"
-                                    "立即重启"}));
+                             offer,
+                             "准备安装 1.1.0|QOR 将退出并自动重启，窗口会在几秒后重新打开。|"
+                             "立即重启"}));
   ASSERT_FALSE(ui_->progress.empty());
   EXPECT_EQ(ui_->progress.front(),
             "show 正在下载更新 1.1.0|下载完成并校验通过后，QOR 将自动重启完成安装。|取消");

@@ -178,16 +178,16 @@ class UpdaterTest : public ::testing::Test {
             {"size", std::filesystem::file_size(archive)}};
   }
 
-  // Publishes `asset` as 1.1.0 for this machine, with the manifest's signature.
-  void publishUpdate(const json& asset) const {
-    const auto manifest = json{{"version", "1.1.0"}, {"platforms", {{"linux-x64", asset}}}}.dump();
+  // Publishes 1.1.0 for `platforms`, with the manifest's signature.
+  void publishUpdate(const json& platforms) const {
+    const auto manifest = json{{"version", "1.1.0"}, {"platforms", platforms}}.dump();
     writeFile(root_ / "qor" / "latest.json", manifest);
     writeFile(root_ / "qor" / "latest.json.sig", signingKey_.signatureFor(manifest));
   }
 
   // Offers `asset` as 1.1.0 for this machine and accepts the update.
   void acceptUpdate(Updater& updater, const json& asset) {
-    publishUpdate(asset);
+    publishUpdate({{"linux-x64", asset}});
     ui_->answer = 0;
     updater.checkForUpdates();
   }
