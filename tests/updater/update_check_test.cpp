@@ -87,9 +87,12 @@ TEST_F(UpdaterTest, WithoutAnUpdateServerNoCheckRuns) {
 // flag of the check that started last: here a silent one after a user check.
 TEST_F(UpdaterTest, CheckKeepsBothSilentFlags) {
   const auto updater = makeUpdater();
-  for (json latest : {offering("1.0.0"), json{{"status", 500}}}) {
+  const auto offered = offering("1.0.0");
+  // Served throughout: a check of the first round may ask for it after the second has begun.
+  const json signature = {{"body", signingKey_.signatureFor(offered["body"].get<std::string>())}};
+  for (json latest : {offered, json{{"status", 500}}}) {
     latest["delay"] = 0.6;
-    route({{"/qor/latest.json", latest}});
+    route({{"/qor/latest.json", latest}, {"/qor/latest.json.sig", signature}});
     updater->checkForUpdates();
     updater->scheduleAutomaticCheck();    // starts 0.3 s later, while the first waits
     std::this_thread::sleep_for(1500ms);  // both requests end before the UI thread runs
