@@ -234,8 +234,9 @@ class Run:
                            "--litellm-port", str(port + 1), "--data-dir", self.root],
                           cwd=GATEWAY_DIR, env=dict(self.env, QOR_BENCH_VERSION=version))
 
-    def beacon(self, timeout=60):
-        return wait_until(lambda: beacons(self.log), timeout, "beacon from the page")[0]
+    def beacon(self, timeout=60, after=0):
+        """The time the page's script reported, the first time after `after` reports."""
+        return wait_until(lambda: beacons(self.log)[after:], timeout, "beacon from the page")[0]
 
     def close(self):
         end_run_processes(self.id, {process.pid for process in self.started})

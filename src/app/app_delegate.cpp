@@ -57,6 +57,7 @@ void AppDelegate::attach(GtkApplication* app) {
 // Only the first instance starts up; a second launch just activates it.
 void AppDelegate::onStartup(GApplication*, gpointer self) {
   for (int signal : {SIGTERM, SIGINT, SIGHUP}) g_unix_signal_add(signal, onUnixSignal, self);
+  static_cast<AppDelegate*>(self)->applicationWillFinishLaunching();
 }
 
 void AppDelegate::onActivate(GApplication*, gpointer self) {
@@ -88,6 +89,24 @@ gboolean AppDelegate::onCloseRequest(GtkWindow*, gpointer self) {
   return false;
 }
 
+// The gateway is launched first, as soon as this process is known to be the
+// only instance: it takes longer to answer than the window to open. The boot
+// label is made here, so that the supervisor has somewhere to write; the
+// window takes it in when it is built.
+void AppDelegate::applicationWillFinishLaunching() {
+  buildBootLabel();
+  // The supervisor delivers both on this thread through the main-thread
+  // queue; they hold the controller weakly.
+  std::weak_ptr<AppDelegate> weakSelf = weak_from_this();
+  sidecar_->onStatus = [weakSelf](const std::string& text) {
+    if (auto self = weakSelf.lock()) self->showStatus(text);
+  };
+  sidecar_->onReady = [weakSelf](const std::string& url) {
+    if (auto self = weakSelf.lock()) self->loadGateway(url);
+  };
+  sidecar_->start();
+}
+
 void AppDelegate::applicationDidFinishLaunching() {
   desktopStyle_ = std::make_unique<DesktopStyle>();
   buildWindow();
@@ -117,6 +136,7 @@ void AppDelegate::onFirstFramePainted(GdkFrameClock* clock, gpointer self) {
   auto* delegate = static_cast<AppDelegate*>(self);
   g_signal_handler_disconnect(clock, std::exchange(delegate->firstFrameHandler_, 0));
   g_source_remove(std::exchange(delegate->firstFrameFallback_, 0));
+  delegate->showHeldStatus();
   // The frame reaches the display server before this thread blocks.
   gdk_display_flush(gtk_widget_get_display(GTK_WIDGET(delegate->window_.get())));
   g_idle_add_once([](gpointer self) { static_cast<AppDelegate*>(self)->finishLaunching(); }, self);
@@ -127,27 +147,15 @@ gboolean AppDelegate::onFirstFrameMissing(gpointer self) {
   delegate->firstFrameFallback_ = 0;
   g_signal_handler_disconnect(gtk_widget_get_frame_clock(GTK_WIDGET(delegate->window_.get())),
                               std::exchange(delegate->firstFrameHandler_, 0));
+  delegate->showHeldStatus();
   delegate->finishLaunching();
   return G_SOURCE_REMOVE;
 }
 
-// The rest of the start-up, once the boot screen shows.
+// The rest of the start-up, once the boot screen shows. The engine starts
+// while the gateway does.
 void AppDelegate::finishLaunching() {
-  // Before the supervisor's threads, which could not start while it loads.
-  const auto webContent = loadWebContentModule();
-
-  // The supervisor delivers both on this thread through the main-thread
-  // queue; they hold the controller weakly.
-  std::weak_ptr<AppDelegate> weakSelf = weak_from_this();
-  sidecar_->onStatus = [weakSelf](const std::string& text) {
-    if (auto self = weakSelf.lock()) self->showStatus(text);
-  };
-  sidecar_->onReady = [weakSelf](const std::string& url) {
-    if (auto self = weakSelf.lock()) self->loadGateway(url);
-  };
-  sidecar_->start();
-  // The engine starts while the gateway does; the page loads once this returns.
-  buildWebView(webContent);
+  buildWebView(loadWebContentModule());
   g_signal_connect(window_.get(), "close-request", G_CALLBACK(onCloseRequest), this);
   updater_->scheduleAutomaticCheck();
 }
@@ -201,6 +209,12 @@ void AppDelegate::buildWindow() {
   if (state.maximized) gtk_window_maximize(window_.get());
   gtk_window_set_title(window_.get(), productName);
 
+  GtkWidget* overlay = gtk_overlay_new();
+  gtk_overlay_set_child(GTK_OVERLAY(overlay), GTK_WIDGET(bootLabel_.get()));
+  gtk_window_set_child(window_.get(), overlay);
+}
+
+void AppDelegate::buildBootLabel() {
   bootLabel_ = GObjectPtr<GtkLabel>::retain(GTK_LABEL(gtk_label_new(bootText)));
   GtkWidget* label = GTK_WIDGET(bootLabel_.get());
   gtk_widget_add_css_class(label, "dim-label");
@@ -212,10 +226,6 @@ void AppDelegate::buildWindow() {
   gtk_label_set_wrap(bootLabel_.get(), true);
   gtk_widget_set_hexpand(label, true);
   gtk_widget_set_vexpand(label, true);
-
-  GtkWidget* overlay = gtk_overlay_new();
-  gtk_overlay_set_child(GTK_OVERLAY(overlay), label);
-  gtk_window_set_child(window_.get(), overlay);
 }
 
 // Without a web view the shell still supervises the gateway; the label says
@@ -224,12 +234,14 @@ void AppDelegate::buildWebView(const Result<CreateWebContent>& module) {
   if (!module) {
     g_printerr("%s\n", module.error().description.c_str());
     gtk_label_set_text(bootLabel_.get(), module.error().description.c_str());
+    webViewMissing_ = true;
     return;
   }
   web_.reset((*module)({.window = window_.get(),
                         .showStatus = [this](const std::string& text) { showStatus(text); }}));
   // The web view lies above the label and covers it once shown.
   gtk_overlay_add_overlay(GTK_OVERLAY(gtk_window_get_child(window_.get())), web_->widget());
+  if (!pendingPageURL_.empty()) loadGateway(std::exchange(pendingPageURL_, {}));
 }
 
 void AppDelegate::installActions() {
@@ -265,14 +277,29 @@ void AppDelegate::installActions() {
                                   G_N_ELEMENTS(windowActions), this);
 }
 
-// The supervisor's texts arrive only after the web view was made; without one
-// the label keeps saying why.
+// Without a web view the label keeps saying why. Until the boot screen is on
+// screen the latest text waits, so that its first frame shows the boot text.
 void AppDelegate::showStatus(const std::string& text) {
-  if (web_) gtk_label_set_text(bootLabel_.get(), text.c_str());
+  if (webViewMissing_) return;
+  if (!window_ || firstFrameHandler_) {
+    heldStatus_ = text;
+    return;
+  }
+  gtk_label_set_text(bootLabel_.get(), text.c_str());
 }
 
+void AppDelegate::showHeldStatus() {
+  if (heldStatus_) showStatus(*std::exchange(heldStatus_, std::nullopt));
+}
+
+// A gateway may answer before the web view is made (a window started
+// minimised waits for its first frame): its page is loaded once the view is.
 void AppDelegate::loadGateway(const std::string& url) {
-  if (web_) web_->load(url, sidecar_->gatewayToken());
+  if (web_) {
+    web_->load(url, sidecar_->gatewayToken());
+  } else if (!webViewMissing_) {
+    pendingPageURL_ = url;
+  }
 }
 
 void AppDelegate::onAbout(GSimpleAction*, GVariant*, gpointer self) {

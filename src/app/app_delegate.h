@@ -9,6 +9,7 @@
 #include <gtk/gtk.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "app/desktop_style.h"
@@ -22,7 +23,8 @@ namespace qor {
 
 class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
  public:
-  // Creates the supervisor; nothing is started until the first activation.
+  // Creates the supervisor; nothing is started until the application's
+  // primary instance starts up.
   AppDelegate();
   ~AppDelegate();
   AppDelegate(const AppDelegate&) = delete;
@@ -52,21 +54,27 @@ class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
   static void onMinimize(GSimpleAction*, GVariant*, gpointer self);
   static void onClose(GSimpleAction*, GVariant*, gpointer self);
 
+  void applicationWillFinishLaunching();
   void applicationDidFinishLaunching();
   void finishLaunching();
   void applicationShouldHandleReopen();
   void applicationWillTerminate();
+  void buildBootLabel();
   void buildWindow();
   void saveWindowState();
   void buildWebView(const Result<CreateWebContent>& module);
   void installActions();
   void showStatus(const std::string& text);
+  void showHeldStatus();
   void loadGateway(const std::string& url);
 
   GtkApplication* app_ = nullptr;  // owned by main()
   std::unique_ptr<DesktopStyle> desktopStyle_;
   GObjectPtr<GtkWindow> window_;
-  std::unique_ptr<WebContent> web_;  // none when the web engine could not be loaded
+  std::unique_ptr<WebContent> web_;  // none until made, or when the engine could not be loaded
+  bool webViewMissing_ = false;      // the engine could not be loaded
+  std::string pendingPageURL_;       // the gateway answered before the web view was made
+  std::optional<std::string> heldStatus_;  // the latest text before the boot screen showed
   const std::shared_ptr<GLibMainThreadQueue> mainThread_;
   const std::shared_ptr<SidecarManager> sidecar_;
   GObjectPtr<GtkLabel> bootLabel_;

@@ -64,8 +64,10 @@ class InstallTest(unittest.TestCase):
         os.remove(f"{bundle}/lib/qor-velmora/libqor-velmora-web.so")
         s.launch(f"{bundle}/bin/qor-velmora")
         # The gateway is still supervised; once it is ready, the label still says why nothing shows.
+        why = "^cannot load the web view: .*libqor-velmora-web.so"
+        wait_until(lambda: re.match(why, s.boot_label()), 30, "the label to say why")
         wait_until(lambda: s.requests("/healthz"), 30, "the readiness probe")
-        self.assertRegex(s.boot_label(), "^cannot load the web view: .*libqor-velmora-web.so")
+        self.assertRegex(s.boot_label(), why)
         self.assertEqual(find_all(s.main_window(), name="WebKitWebView", max_depth=3), [])
         s.key("ctrl+q")
         s.assert_quit_cleanly(self)

@@ -2,8 +2,8 @@
 
 import os, re, subprocess, time, unittest
 
-from harness import (BUNDLE, Session, find_all, port_listening, press, states, texts, titles,
-                     transient, wait_until, xdotool)
+from harness import (BUNDLE, Session, find_all, pid_alive, port_listening, press, states, texts,
+                     titles, transient, wait_until, xdotool)
 
 BOOT, APP_ID = "Starting QOR Velmora…", "org.qor.Velmora"
 STALE = ("import signal, socket, time; signal.signal(signal.SIGTERM, signal.SIG_IGN); s = "
@@ -103,6 +103,9 @@ class WindowTest(unittest.TestCase):
         self.assertEqual(s.launch(second=True).returncode, 0)
         self.assertEqual(s.window_id(), window, "the same window came back")
         self.assertEqual((len(s.gateway_pids()), len(s.requests("/"))), (1, 1))
+        # Neither launch swept the running gateway away.
+        self.assertEqual(s.events("sigterm"), [])
+        self.assertTrue(pid_alive(s.gateway_pids()[0]))
 
     def test_4_script_dialogs(self):
         s = self.s
