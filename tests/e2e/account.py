@@ -44,12 +44,17 @@ class Desktop:
             ["dbus-daemon", "--session", "--nofork", "--address", bus],
             env=environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
             **self.as_account())
-        wait_until(lambda: os.path.exists(f"{run}/bus"), 30, "the account's session bus")
-        # Asking for its address starts the accessibility bus in the account's session.
-        reply = subprocess.run(
-            ["gdbus", "call", "--session", "--dest", "org.a11y.Bus", "--object-path",
-             "/org/a11y/bus", "--method", "org.a11y.Bus.GetAddress"], env=environment,
-            capture_output=True, text=True, check=True, timeout=60, **self.as_account()).stdout
+        try:
+            wait_until(lambda: os.path.exists(f"{run}/bus"), 30, "the account's session bus")
+            # Asking for its address starts the accessibility bus in the account's session.
+            reply = subprocess.run(
+                ["gdbus", "call", "--session", "--dest", "org.a11y.Bus", "--object-path",
+                 "/org/a11y/bus", "--method", "org.a11y.Bus.GetAddress"], env=environment,
+                capture_output=True, text=True, check=True, timeout=60,
+                **self.as_account()).stdout
+        except BaseException:
+            self.close()
+            raise
         self.env["AT_SPI_BUS_ADDRESS"] = reply.strip().removeprefix("('").removesuffix("',)")
         os.environ["AT_SPI_BUS_ADDRESS"] = self.env["AT_SPI_BUS_ADDRESS"]
 
