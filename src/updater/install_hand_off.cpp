@@ -153,14 +153,14 @@ void Updater::installPrepared(InstallPreparation preparation) {
     showInfo(texts::failedTitle, texts::scriptFailed);
     return;
   }
-  offerRestart(*script);
+  offerRestart(*script, texts::readyTitle);
 }
 
 // UI thread. Whatever way the alert ends, the update goes on: the script
 // starts, and the application quits.
-void Updater::offerRestart(const std::filesystem::path& script) {
+void Updater::offerRestart(const std::filesystem::path& script, const char* titleBefore) {
   dialogs_->showAlert(
-      {.title = texts::readyTitle +
+      {.title = titleBefore +
                 (manifest_ ? manifest_->version : std::string(texts::readyTitleWithoutManifest)),
        .text = texts::readyText,
        .style = UpdateAlertStyle::informational,
@@ -179,6 +179,10 @@ std::filesystem::path Updater::updateLog() const {
 
 std::filesystem::path Updater::failureMark() const {
   return settings_.supportDirectory / productFolderName / "update-failed";
+}
+
+std::filesystem::path Updater::noticeMark() const {
+  return settings_.supportDirectory / productFolderName / "update-notice";
 }
 
 std::optional<std::filesystem::path> Updater::writeInstallHelper(

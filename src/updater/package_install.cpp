@@ -76,7 +76,7 @@ void Updater::packageInstallEnded(std::optional<std::pair<std::string, std::stri
     showInfo(failure->first, failure->second);
     return;
   }
-  offerRestart(*script);
+  offerRestart(*script, texts::installedTitle);
 }
 
 }  // namespace qor

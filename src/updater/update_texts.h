@@ -76,6 +76,8 @@ inline constexpr const char* restartButton = "立即重启";
 // A Debian package installed through the privileged runner.
 inline constexpr const char* packageFailedBefore = "未能通过系统的软件包管理器安装 ";
 inline constexpr const char* packageFailedAfter = "（授权被拒绝或安装出错），当前版本继续运行。";
+// Above readyText once the package is installed: only the restart is left.
+inline constexpr const char* installedTitle = "已安装 ";
 
 // The next start, after the install script kept the old version.
 inline constexpr const char* installFailedBefore = "无法安装更新 ";

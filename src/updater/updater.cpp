@@ -6,6 +6,8 @@
 #include <thread>
 
 #include "base/bundle.h"
+#include "base/files.h"
+#include "base/text.h"
 #include "base/user_data.h"
 #include "updater/install_preflight.h"
 #include "updater/transport_failure_text.h"
@@ -176,6 +178,13 @@ void Updater::applyManifest(QorManifest manifest) {
   }
   if (silent_ && manifest_->version == failedVersion_) return;
   if (!inPlace && !package) {
+    // Nothing here for the user to do: told once per version, not at every start.
+    const auto told = readTextFile(noticeMark());
+    if (silent_ && told && trimmed(*told) == manifest_->version) {
+      settings_.diagnostics(manifest_->version +
+                            " is left to the system's package manager, as told before");
+      return;
+    }
     showPackageManaged();
     return;
   }
@@ -197,6 +206,10 @@ void Updater::applyManifest(QorManifest manifest) {
 
 // UI thread. The offer for a bundle this user cannot replace in place.
 void Updater::showPackageManaged() {
+  // Best effort: without the mark the next start tells again.
+  if (makePrivateFolder(noticeMark().parent_path())) {
+    (void)writeFileAtomically(noticeMark(), manifest_->version + "\n");
+  }
   showInfo(texts::newVersionTitle + manifest_->version,
            texts::runningVersion + currentVersion() + "\n" + texts::packageManagedBefore +
                manifest_->version + texts::packageManagedAfter);

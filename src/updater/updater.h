@@ -146,8 +146,12 @@ class Updater : public std::enable_shared_from_this<Updater> {
   std::optional<std::filesystem::path> writeHelperScript(const std::string& text) const;
   std::filesystem::path updateLog() const;
   std::filesystem::path failureMark() const;
+  // The version whose package-manager notice was shown: the automatic check
+  // does not show it again.
+  std::filesystem::path noticeMark() const;
   void reportFailedInstall();
-  void offerRestart(const std::filesystem::path& script);
+  // "立即重启" under `titleBefore` and the version: the script starts, the application quits.
+  void offerRestart(const std::filesystem::path& script, const char* titleBefore);
   void launchDetached(const std::filesystem::path& script);
   void scheduleTermination();
   static void detach(const std::filesystem::path& mount);

@@ -47,6 +47,7 @@ class Session:  # one private home and, at a time, one running shell with its ga
                  bundled_runtime=False):
         assert not port_listening(), "something already listens on 8088"
         self.name, self.app, self.pid, self._ids = name, None, None, itertools.count(1)
+        self.credentials = {}  # Popen's user, group and extra_groups for a shell of another account
         self.root = tempfile.mkdtemp(prefix="qor-e2e-")  # short: sockets go below it
         self.log, home = f"{self.root}/gateway.jsonl", f"{self.root}/home"
         self.env = {k: v for k, v in os.environ.items() if not k.startswith(("QOR_", "XDG_"))}
@@ -78,7 +79,8 @@ class Session:  # one private home and, at a time, one running shell with its ga
 
     def launch(self, executable=f"{BUNDLE}/bin/qor-velmora", second=False):
         """Starts the shell; a second launch is waited for."""
-        args = dict(env=self.env, stdout=self._output, stderr=subprocess.STDOUT, cwd=self.root)
+        args = dict(env=self.env, stdout=self._output, stderr=subprocess.STDOUT, cwd=self.root,
+                    **self.credentials)
         if second:
             return subprocess.run([executable], timeout=20, **args)
         self.app = subprocess.Popen([executable], **args)

@@ -49,11 +49,12 @@ def digests(folder):  # every file below `folder` by its SHA-256, links by their
     return found
 
 
-def publish(key):  # the manifest and its signature, as the release tool writes them with `key`
+def publish(key, *packages):  # the manifest and its signature, as the release tool writes them
     with tempfile.TemporaryDirectory() as folder:
         subprocess.run([RELEASE, "--version", NEW, "--base-url", f"https://localhost:{PORT}/qor/",
                         "--notes", NOTES, "--signing-key", key, "--output",
-                        f"{folder}/latest.json", PACKAGE], check=True, capture_output=True)
+                        f"{folder}/latest.json", PACKAGE, *packages], check=True,
+                       capture_output=True)
         return {path: pathlib.Path(folder, os.path.basename(path)).read_bytes()
                 for path in (MANIFEST, SIGNATURE)}
 

@@ -68,10 +68,10 @@ TEST_F(PackageInstallTest, TheVerifiedPackageIsInstalledAndTheNewVersionStarted)
   acceptPackageUpdate(*updater, package());
 
   ASSERT_TRUE(ui_->pumpUntil([&] { return terminated; }, 30s));
-  EXPECT_EQ(ui_->alerts, (std::vector<std::string>{
-                             offer,
-                             "准备安装 1.1.0|QOR 将退出并自动重启，窗口会在几秒后重新打开。|"
-                             "立即重启"}));
+  EXPECT_EQ(ui_->alerts,
+            (std::vector<std::string>{offer,
+                                      "已安装 1.1.0|QOR 将退出并自动重启，窗口会在几秒后重新打开。|"
+                                      "立即重启"}));
   ASSERT_FALSE(ui_->progress.empty());
   EXPECT_EQ(ui_->progress.front(),
             "show 正在下载更新 1.1.0|下载完成并校验通过后，QOR 将自动重启完成安装。|取消");
