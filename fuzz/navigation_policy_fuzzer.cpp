@@ -2,9 +2,8 @@
 // nothing crashes; a URL that stays in the window or runs as the shell's own
 // action is on a loopback host as the web engine reads it (and as GLib's
 // strict parser reads it, where the URL has a URI's shape and that parser
-// takes it); a WhatsApp
-// action link's request survives the way to the WhatsApp client's address
-// unchanged.
+// takes it); a WhatsApp action link's request survives the way to the
+// WhatsApp client's address unchanged.
 #include <glib.h>
 #include <webkit/webkit.h>
 
