@@ -2,7 +2,7 @@
 BUILD ?= build
 JOBS ?= $(shell nproc)
 
-.PHONY: deps build test test-sanitize test-asan test-tsan package format clean
+.PHONY: deps build test test-sanitize test-asan test-tsan fuzz package format clean
 
 deps:
 	@./scripts/install-deps.sh
@@ -31,11 +31,19 @@ test-tsan: deps
 	cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && ctest --output-on-failure -j $(JOBS) -L sanitize
 
+# Every parser of outside input (or those named in QOR_FUZZ_TARGETS) fuzzed
+# with libFuzzer for QOR_FUZZ_SECONDS each, built with clang in build-fuzz;
+# see scripts/fuzz.sh.
+QOR_FUZZ_SECONDS ?= 60
+QOR_FUZZ_TARGETS ?=
+fuzz: deps
+	QOR_FUZZ_SECONDS=$(QOR_FUZZ_SECONDS) JOBS=$(JOBS) ./scripts/fuzz.sh $(QOR_FUZZ_TARGETS)
+
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
 
 clean:
-	rm -rf $(BUILD) build-asan build-tsan
+	rm -rf $(BUILD) build-asan build-tsan build-fuzz
 
 # Builds, stages the bundle at $(BUILD)/bundle/QOR Velmora and runs it; without
 # a display it uses a virtual one and saves a screenshot (see scripts/run.sh).

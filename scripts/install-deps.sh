@@ -7,6 +7,8 @@ set -euo pipefail
 packages=(
   # toolchain and test framework
   g++ cmake make pkg-config libgtest-dev libgmock-dev clang-format
+  # the fuzz targets' compiler, with libFuzzer and the sanitizers
+  clang
   # libraries
   libgtk-4-dev libwebkitgtk-6.0-dev libcurl4-openssl-dev libssl-dev nlohmann-json3-dev
   # tools the shell runs, and the runtime it packs

@@ -17,6 +17,21 @@ constexpr std::string_view whatsAppActionPath = "/__qor/whatsapp";
 // that RFC 3986 leaves out ("|", "{", "^", ...); relaxed parsing takes them.
 constexpr auto parseFlags = GUriFlags(G_URI_FLAGS_ENCODED | G_URI_FLAGS_PARSE_RELAXED);
 
+// The text the web engine reads as the URL: up to the first NUL (it takes C
+// strings), without the control characters and spaces at either end, and
+// without any tab or line break inside ("ht\ntp://host/" is http://host/).
+std::string engineText(std::string_view url) {
+  url = url.substr(0, url.find('\0'));
+  const auto blank = [](unsigned char c) { return c <= ' '; };
+  while (!url.empty() && blank(url.front())) url.remove_prefix(1);
+  while (!url.empty() && blank(url.back())) url.remove_suffix(1);
+  std::string text;
+  for (const char c : url) {
+    if (c != '\t' && c != '\n' && c != '\r') text += c;
+  }
+  return text;
+}
+
 GUriPtr parse(std::string_view url) {
   const std::string text(url);
   return GUriPtr::adopt(g_uri_parse(text.c_str(), parseFlags, nullptr));
@@ -89,16 +104,17 @@ std::string encodedQueryItem(std::string_view name, std::string_view value) {
   return std::string(encodedName.get()) + "=" + encodedValue.get();
 }
 
-// The host as the web engine reads it: the authority runs to the first "/",
+// The host as the web engine reads it: the authority follows "<scheme>://"
+// (a "://" further on is no authority) and runs to the first "/",
 // "?", "#" or "\\" (GLib's relaxed parser also ends it at ";" and the like,
 // so "http://localhost;.evil.example/" would read as "localhost"); the user
 // information ends at the last "@", and a port is digits after the last ":".
 // The web engine hands over canonical URLs, so a host in any other spelling
 // is not one of the loopback names. None when there is no host.
 std::optional<std::string> authorityHost(std::string_view url) {
-  const auto start = url.find("://");
-  if (start == std::string_view::npos) return std::nullopt;
-  std::string_view authority = url.substr(start + 3);
+  const auto colon = url.find(':');  // after the scheme
+  if (colon == std::string_view::npos || url.substr(colon + 1, 2) != "//") return std::nullopt;
+  std::string_view authority = url.substr(colon + 3);
   authority = authority.substr(0, authority.find_first_of("/?#\\"));
   if (const auto at = authority.rfind('@'); at != std::string_view::npos) {
     authority.remove_prefix(at + 1);
@@ -126,9 +142,10 @@ bool isLoopbackHost(std::optional<std::string_view> host) {
   return name == "127.0.0.1" || name == "localhost" || name == "::1";
 }
 
-LinkTarget classifyLink(std::string_view url) {
+LinkTarget classifyLink(std::string_view link) {
+  const std::string text = engineText(link);
+  const std::string_view url = text;
   if (url.empty()) return LinkTarget::none;
-  const std::string text(url);
   const char* peeked = g_uri_peek_scheme(text.c_str());  // lower-cased
   const std::string_view scheme = peeked ? peeked : "";
 
@@ -146,7 +163,7 @@ LinkTarget classifyLink(std::string_view url) {
 }
 
 std::optional<WhatsAppRequest> whatsAppRequest(std::string_view actionURL) {
-  GUriPtr uri = parse(actionURL);
+  GUriPtr uri = parse(engineText(actionURL));
   if (!uri || decodedPath(uri.get()) != whatsAppActionPath) return std::nullopt;
   const auto items = queryItems(g_uri_get_query(uri.get()));
   return WhatsAppRequest{firstValue(items, "phone"), firstValue(items, "text")};

@@ -20,8 +20,10 @@ enum class LinkTarget {
   other,         // any other scheme, or none (about:, data:, blob:, file:, ...)
 };
 
-// Scheme and host are compared case-insensitively; the path case-sensitively
-// after percent-decoding. The port plays no part.
+// The URL is read as the web engine reads it: up to a NUL, without control
+// characters and spaces at its ends or tabs and line breaks inside. Scheme
+// and host are compared case-insensitively; the path case-sensitively after
+// percent-decoding. The port plays no part.
 LinkTarget classifyLink(std::string_view url);
 
 // "127.0.0.1", "localhost" and "::1" (as parsed, without brackets), in any

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <charconv>
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <set>
 #include <sstream>
@@ -18,41 +17,12 @@ namespace {
 
 constexpr std::string_view listenState = "0A";
 
-struct ListeningSocket {
-  int port;
-  uid_t owner;  // the account that opened it
-};
-
 // Socket links ("socket:[inode]") of the listening sockets on `ports`.
 using ListeningSockets = std::map<std::string, ListeningSocket>;
 
-// The listening sockets on `ports` from one of /proc/net/tcp and tcp6, whose
-// rows read "sl local_address rem_address st ... uid timeout inode".
 ListeningSockets socketTable(const char* table, const std::vector<int>& ports) {
-  ListeningSockets sockets;
-  std::ifstream in(table);
-  std::string line;
-  std::getline(in, line);  // header
-  while (std::getline(in, line)) {
-    std::istringstream fields(line);
-    std::string slot, local, remote, state, queues, timer, retransmits, uid, timeout, inode;
-    if (!(fields >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> uid >>
-          timeout >> inode)) {
-      continue;
-    }
-    const auto colon = local.rfind(':');
-    if (colon == std::string::npos || state != listenState || inode == "0") continue;
-    int localPort = 0;
-    uid_t owner = 0;
-    const auto hex = std::string_view(local).substr(colon + 1);
-    const auto parsed = std::from_chars(hex.data(), hex.data() + hex.size(), localPort, 16);
-    const auto parsedOwner = std::from_chars(uid.data(), uid.data() + uid.size(), owner);
-    if (parsed.ec == std::errc() && parsedOwner.ec == std::errc() &&
-        std::ranges::find(ports, localPort) != ports.end()) {
-      sockets.emplace("socket:[" + inode + "]", ListeningSocket{localPort, owner});
-    }
-  }
-  return sockets;
+  const auto text = readTextFile(table);
+  return text ? listeningSocketsIn(*text, ports) : ListeningSockets{};
 }
 
 std::optional<pid_t> parsePid(const std::string& name) {
@@ -90,6 +60,33 @@ ListeningSockets listeningSockets(const std::vector<int>& ports) {
 
 }  // namespace
 
+ListeningSockets listeningSocketsIn(std::string_view table, const std::vector<int>& ports) {
+  ListeningSockets sockets;
+  std::istringstream in{std::string(table)};
+  std::string line;
+  std::getline(in, line);  // header
+  while (std::getline(in, line)) {
+    std::istringstream fields(line);
+    std::string slot, local, remote, state, queues, timer, retransmits, uid, timeout, inode;
+    if (!(fields >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> uid >>
+          timeout >> inode)) {
+      continue;
+    }
+    const auto colon = local.rfind(':');
+    if (colon == std::string::npos || state != listenState || inode == "0") continue;
+    int localPort = 0;
+    uid_t owner = 0;
+    const auto hex = std::string_view(local).substr(colon + 1);
+    const auto parsed = std::from_chars(hex.data(), hex.data() + hex.size(), localPort, 16);
+    const auto parsedOwner = std::from_chars(uid.data(), uid.data() + uid.size(), owner);
+    if (parsed.ec == std::errc() && parsedOwner.ec == std::errc() &&
+        std::ranges::find(ports, localPort) != ports.end()) {
+      sockets.emplace("socket:[" + inode + "]", ListeningSocket{localPort, owner});
+    }
+  }
+  return sockets;
+}
+
 std::map<int, std::vector<pid_t>> listenersOn(const std::vector<int>& ports) {
   const ListeningSockets sockets = listeningSockets(ports);
   if (sockets.empty()) return {};
@@ -113,11 +110,16 @@ bool listenedOnByAnotherUser(int port) {
                              [self](const auto& socket) { return socket.second.owner != self; });
 }
 
+std::string commandText(std::string_view cmdline) {
+  std::string arguments(cmdline);
+  std::replace(arguments.begin(), arguments.end(), '\0', ' ');
+  return trimmed(arguments);
+}
+
 std::optional<std::string> processCommand(pid_t pid) {
-  auto arguments = readTextFile("/proc/" + std::to_string(pid) + "/cmdline");
+  const auto arguments = readTextFile("/proc/" + std::to_string(pid) + "/cmdline");
   if (!arguments) return std::nullopt;
-  std::replace(arguments->begin(), arguments->end(), '\0', ' ');
-  return trimmed(*arguments);
+  return commandText(*arguments);
 }
 
 }  // namespace qor

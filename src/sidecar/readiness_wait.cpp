@@ -3,10 +3,10 @@
 // version at most twice, and reporting a time-out after maxBootSeconds. After
 // that it goes on probing quietly, so a gateway that comes up late (its port
 // was taken for a while) still gets its page.
-#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "base/http_client.h"
+#include "sidecar/health_answer.h"
 #include "sidecar/sidecar_manager.h"
 
 namespace qor {
@@ -94,11 +94,7 @@ bool SidecarManager::httpOK(const std::string& url) const {
 std::optional<std::string> SidecarManager::healthzVersion(const std::string& url) const {
   const auto response = httpGet(url, clock_.toReal(versionProbeLimit));
   if (!response || !isSuccess(response->status)) return std::nullopt;
-  const auto body = nlohmann::json::parse(response->body, nullptr, /*allow_exceptions=*/false);
-  if (!body.is_object()) return std::nullopt;
-  const auto version = body.find("version");
-  if (version == body.end() || !version->is_string()) return std::nullopt;
-  return version->get<std::string>();
+  return healthzAnswerVersion(response->body);
 }
 
 }  // namespace qor

@@ -46,6 +46,28 @@ TEST(NavigationPolicyTest, ClassifiesLinks) {
   }
 }
 
+// The text is read as the web engine reads it before parsing: up to a NUL, without blanks at
+// its ends or tabs and line breaks inside; and the authority only right after "<scheme>://".
+// Each of these once stayed in the window while the engine would have left the gateway.
+TEST(NavigationPolicyTest, ReadsTheTextAsTheWebEngineDoes) {
+  using namespace std::string_literals;
+  const std::pair<std::string, LinkTarget> cases[] = {
+      {"ht\x0Atp://1/t", external},
+      {" http://evil.example/", external},
+      {"\x01https://evil.example/\x7F ", external},
+      {"http://evil.example\0@localhost/"s, external},
+      {"http:/h://127.0.0.1:8088/__QOR/whatsapp", external},
+      {"http:evil.example/?r=x://localhost", external},
+      {"\thttp://127.0.0.1:8088/\r\n", loopbackPage},
+      {"http://local\thost/__qor/what\nsapp", qorAction},
+      {"about:blank\0http://evil.example/"s, other},
+      {" \t\n", none},
+  };
+  for (const auto& [url, target] : cases) EXPECT_EQ(classifyLink(url), target) << url;
+  EXPECT_EQ(whatsAppRequest(" http://localhost/__qor/whats\tapp?phone=1\n"),
+            (WhatsAppRequest{"1", ""}));
+}
+
 // The first item of each name wins, even without a value; "+" is no space; "%FF" no text.
 TEST(NavigationPolicyTest, ReadsTheWhatsAppActionLink) {
   const std::string base = "http://localhost/__qor/whatsapp";
