@@ -62,7 +62,10 @@ TEST_F(GatewayLaunch, RelaunchScheduleAndCounterUntilARelaunchFails) {
   manager->start();
   ASSERT_TRUE(eventually([&] { return manager->restartAttempts() == 5; }));
   fs::remove(python);  // the fifth relaunch, 15 s (here 5 s) later, fails
-  std::this_thread::sleep_for(6s);
+  ASSERT_TRUE(eventually([&] {
+    return record().diagnostics.find("[sidecar] relaunch failed: cannot launch ") !=
+           std::string::npos;
+  }));
 
   const auto launched = launches();
   ASSERT_EQ(launched.size(), 5u);
@@ -84,7 +87,7 @@ TEST_F(GatewayLaunch, StopDuringTheBackOffLaunchesNothing) {
   manager->start();
   ASSERT_TRUE(eventually([&] { return manager->restartAttempts() == 1; }));
   manager->stop();
-  std::this_thread::sleep_for(1s);  // five times the 2 s (here 0.2 s) back-off
+  ASSERT_TRUE(eventually([&] { return threadsEnded(manager); }));  // the back-off among them
   EXPECT_EQ(launches().size(), 1u);
   EXPECT_EQ(manager->process(), nullptr);
 }
@@ -102,9 +105,9 @@ TEST_F(GatewayLaunch, DeveloperModeAndTheStartFailures) {
   for (const auto& [name, value, status] : cases) {
     developerMode();
     setEnv(name, value);
-    makeManager()->start();
-    EXPECT_TRUE(eventually([&] { return !record().statuses.empty(); }));
-    std::this_thread::sleep_for(200ms);
+    const auto manager = makeManager();
+    manager->start();
+    ASSERT_TRUE(eventually([&] { return threadsEnded(manager); }));
     EXPECT_EQ(record().statuses, std::vector{status});
     EXPECT_EQ(record().diagnostics, "[sidecar] " + status + "\n");
   }
