@@ -72,10 +72,11 @@ TEST_F(GatewayLaunch, RelaunchScheduleAndCounterUntilARelaunchFails) {
   EXPECT_EQ(manager->restartAttempts(), 5) << "the failed relaunch did not end the chain";
   const double delays[] = {2, 4, 8, 15};
   for (size_t i = 0; i < 4; ++i) {
-    // From one gateway's exit to the start of the next, a few milliseconds of launching aside.
+    // From one gateway's exit to the making of the next process (known to a clock tick), a few
+    // milliseconds of launching aside.
     const double gap =
         launched[i + 1]["time"].get<double>() - std::stod(linesOf(data() / "exits.log").at(i));
-    EXPECT_GE(gap, delays[i] / speed - 0.01) << "relaunch " << i + 1;
+    EXPECT_GE(gap, delays[i] / speed - 0.02) << "relaunch " << i + 1;
     EXPECT_LT(gap, delays[i] / speed + 0.25) << "relaunch " << i + 1;
   }
 }
