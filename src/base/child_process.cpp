@@ -172,12 +172,20 @@ int decodeWaitStatus(int raw) {
   return raw;
 }
 
+// The exit status as decodeWaitStatus() gives it, from what waitid() tells.
+int exitStatusOf(const siginfo_t& info) {
+  return info.si_code == CLD_EXITED ? info.si_status : 128 + info.si_status;
+}
+
 void watchForExit(std::shared_ptr<ChildProcess::State> state, std::function<void(int)> onExit) {
   // Wait without reaping first, so that signal() can never reach a recycled id.
   siginfo_t info{};
-  while (waitid(P_PID, state->pid, &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
-  }
-  int status;
+  int waited;
+  do {
+    waited = waitid(P_PID, state->pid, &info, WEXITED | WNOWAIT);
+  } while (waited != 0 && errno == EINTR);
+  // Before the waiters wake: whoever waited for the exit also sees what it set off.
+  if (onExit) onExit(waited == 0 ? exitStatusOf(info) : -1);
   {
     std::lock_guard lock(state->mutex);
     int raw = 0;
@@ -187,10 +195,8 @@ void watchForExit(std::shared_ptr<ChildProcess::State> state, std::function<void
     } while (reaped < 0 && errno == EINTR);
     state->status = reaped == state->pid ? decodeWaitStatus(raw) : -1;
     state->reaped = true;
-    status = state->status;
   }
   state->exitedCondition.notify_all();
-  if (onExit) onExit(status);
 }
 
 void readOutput(int fd, std::function<void(std::string_view)> onOutput,

@@ -39,7 +39,7 @@ struct LaunchOptions {
   // onOutput, once every process holding the output has closed it.
   std::function<void()> onOutputEnd;
   // Called on the exit watcher thread with the exit status once the child has
-  // exited and been reaped.
+  // exited, before waitForExit() returns to anyone.
   std::function<void(int status)> onExit;
   // The child receives SIGTERM when this process dies, even by SIGKILL.
   bool terminateWithParent = true;

@@ -71,12 +71,17 @@ Result<> SidecarManager::launchGateway() {
   return {};
 }
 
+// Exit watcher thread. The attempt counts at once, so that whoever waited for
+// the exit sees it.
 void SidecarManager::relaunchAfterExit(std::uint64_t exitedLaunch) {
-  std::thread([self = shared_from_this(), exitedLaunch] {
-    const auto attempts = ++self->restartAttempts_;
+  const auto attempts = ++restartAttempts_;
+  std::thread([self = shared_from_this(), exitedLaunch, attempts] {
     self->clock_.sleepFor(relaunchDelay(attempts));
     if (self->stopping_ || !self->isCurrentLaunch(exitedLaunch)) return;  // someone launched anew
-    if (!self->launchGateway()) return;  // a failed relaunch ends the chain until the next start()
+    if (const auto launched = self->launchGateway(); !launched) {
+      self->writeDiagnostic("[sidecar] relaunch failed: " + launched.error().description + "\n");
+      return;  // which ends the chain until the next start()
+    }
     if (self->readyDelivered_) self->reloadWhenAnswering(self->currentLaunch());
   }).detach();
 }

@@ -176,7 +176,10 @@ void Updater::applyManifest(QorManifest manifest) {
     }
     return;
   }
-  if (silent_ && manifest_->version == failedVersion_) return;
+  if (silent_ && manifest_->version == failedVersion_) {
+    settings_.diagnostics("not offering " + manifest_->version + " again: its install failed");
+    return;
+  }
   if (!inPlace && !package) {
     // Nothing here for the user to do: told once per version, not at every start.
     const auto told = readTextFile(noticeMark());

@@ -9,25 +9,21 @@
 #include <string>
 #include <utility>
 
+#include "support/temporary_folder.h"
+
 namespace qor {
 namespace {
 
 class WindowStateTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string folder = (std::filesystem::temp_directory_path() / "qor-window-XXXXXX").string();
-    ASSERT_NE(mkdtemp(folder.data()), nullptr);
-    root_ = folder;
-  }
-  void TearDown() override { std::filesystem::remove_all(root_); }
-
   static mode_t modeOf(const std::filesystem::path& path) {
     struct stat info {};
     EXPECT_EQ(stat(path.c_str(), &info), 0) << path;
     return info.st_mode & 0777;
   }
 
-  std::filesystem::path root_;
+  const testing::TemporaryFolder folder_{"qor-window"};
+  const std::filesystem::path& root_ = folder_.path();
 };
 
 TEST_F(WindowStateTest, WrittenForTheUserOnlyAndReadBack) {

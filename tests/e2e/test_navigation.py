@@ -1,6 +1,6 @@
 """Where clicked links, window.open and frames go: inside, to a desktop handler, or nowhere."""
 
-import json, time, unittest
+import contextlib, json, unittest
 
 from harness import HANDLERS, Session, wait_until
 
@@ -25,8 +25,16 @@ WITH_CLIENT = [
     (MAIL, "_blank", "mail", MAIL), (WA, "_blank", "whatsapp", WA),
     (ACTION, "_blank", "whatsapp", CHAT), (OTHER, "_blank", None, None),
 ]
+MARK = "mailto:marker@example.com"  # clicked after a link that must go nowhere
 WITHOUT_CLIENT = [(ACTION, None, "browser", "https://wa.me/15550102222?text=Hi%20there"),
                   (WA, None, None, None), (WA, "_blank", None, None)]
+
+
+def handlers_running(s):  # the stand-in desktop handlers the shell started and still run
+    def handler(pid):
+        with contextlib.suppress(OSError), open(f"/proc/{pid}/cmdline", "rb") as f:
+            return b"record_url.py" in f.read()
+    return [pid for pid in s.processes() if handler(pid)]
 
 
 class NavigationTest(unittest.TestCase):
@@ -45,12 +53,20 @@ class NavigationTest(unittest.TestCase):
                     s.wait_page(path := href[href.index("/page/"):])
                     self.assertEqual(s.requests(path)[-1]["host"], expected)
                     continue
-                wait_until(lambda: s.handled(where)[handled[where]:], 10, where) if where else \
-                    time.sleep(1.5)  # time for a wrong effect to show
+                marker = n
+                if where:
+                    wait_until(lambda: s.handled(where)[handled[where]:], 10, where)
+                else:  # a later click, handled in turn, ends this one's chance to act
+                    marker = s.run_script(f"showLink({json.dumps(MARK)}, null, {-n}).then(() => {-n})")
+                    s.click(640, 420)
+                    wait_until(lambda: MARK in s.handled("mail")[handled["mail"]:], 10, MARK)
+                    handled["mail"] += 1  # the marker's own
+                # Handlers launched before the last one have finished with it.
+                wait_until(lambda: not handlers_running(s), 10, "the handlers to finish")
                 self.assertEqual({h: s.handled(h)[handled[h]:] for h in HANDLERS},
                                  {h: [expected] if h == where else [] for h in HANDLERS})
                 self.assertEqual(s.requests()[paths:], [], "nothing reached the gateway")
-                self.assertEqual((s.run_script("window.marker"), len(s.windows())), (n, 1))
+                self.assertEqual((s.run_script("window.marker"), len(s.windows())), (marker, 1))
         return s
 
     def test_with_a_whatsapp_client(self):

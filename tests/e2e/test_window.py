@@ -1,6 +1,6 @@
 """The window in one session: start-up, menus, a second launch, script dialogs, load failure."""
 
-import os, re, subprocess, time, unittest
+import os, re, subprocess, unittest
 
 from harness import (BUNDLE, Session, find_all, pid_alive, port_listening, press, states, texts,
                      titles, transient, wait_until, xdotool)
@@ -144,7 +144,10 @@ class WindowTest(unittest.TestCase):
     def test_6_a_load_failing_after_commit_shows_in_the_boot_label(self):
         s, before = self.s, self.s.boot_label()
         s.run_script("location.href = 'http://127.0.0.1:9/refused'", wait=False)
-        time.sleep(2)
+        # Once the next page has loaded, that attempt has ended (refused, or at the latest
+        # replaced) and the shell has been told of its end.
+        s.run_script("location.href = '/page/after-the-failure'", wait=False)
+        s.wait_page("/page/after-the-failure")
         self.assertEqual(s.boot_label(), before)  # it failed before it was committed
         s.run_script("location.href = '/truncated'", wait=False)
         text = wait_until(lambda: s.boot_label() != before and s.boot_label(), 20, "a change")

@@ -3,11 +3,11 @@
 // before anything is written.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "base/child_process.h"
 #include "base/files.h"
 #include "base/text.h"
+#include "support/temporary_folder.h"
 #include "updater/manifest_signature.h"
 
 namespace qor {
@@ -17,11 +17,11 @@ namespace fs = std::filesystem;
 
 class ReleaseSigning : public ::testing::Test {
  protected:
-  const fs::path folder = fs::temp_directory_path() / ("qor-signing-" + std::to_string(getpid()));
+  const testing::TemporaryFolder temporary{"qor-signing"};
+  const fs::path& folder = temporary.path();
   fs::path image;
 
   void SetUp() override {
-    fs::remove_all(folder);
     fs::create_directories(folder / "staging" / "QOR Velmora" / "share" / "qor-velmora");
     ASSERT_TRUE(writeFileAtomically(folder / "staging/QOR Velmora/share/qor-velmora/APP_VERSION",
                                     "1.1.0\n"));
@@ -29,7 +29,6 @@ class ReleaseSigning : public ::testing::Test {
     EXPECT_EQ(run("/usr/bin/tar", {"-czf", image, "-C", folder / "staging", "QOR Velmora"}).status,
               0);
   }
-  void TearDown() override { fs::remove_all(folder); }
 
   ChildProcess::CapturedRun run(const fs::path& program, std::vector<std::string> arguments) {
     const auto ran = ChildProcess::runCapturingOutput(

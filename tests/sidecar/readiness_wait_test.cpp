@@ -14,8 +14,7 @@ TEST_F(ReadinessWait, ReadyAtOnceWithoutStatusTextAndOnlyTwoHundredsAreHealthy) 
   const auto manager = makeManager();
   const auto address = "http://127.0.0.1:" + std::to_string(gatewayPort) + "/";
   manager->waitForHealth();
-  ASSERT_TRUE(eventually([&] { return !record().ready.empty(); }));
-  std::this_thread::sleep_for(200ms);
+  ASSERT_TRUE(eventually([&] { return threadsEnded(manager); }));
   EXPECT_EQ(record().ready, std::vector{address});
   EXPECT_TRUE(record().statuses.empty());
 
@@ -57,7 +56,12 @@ TEST_F(ReadinessWait, SilentGatewayTimesOutUnlessStopped) {
       configureGateway({});
       runStandIn(data(), gatewayPort);  // would be ready now, were anyone still waiting
     }
-    std::this_thread::sleep_for(1s);
+    // Stopped, the wait ends; otherwise it says so, then goes on probing quietly.
+    ASSERT_TRUE(eventually([&] {
+      return stopped
+                 ? threadsEnded(manager)
+                 : !record().statuses.empty() && record().statuses.back().starts_with("Sidecar");
+    }));
     auto statuses = record().statuses;
     EXPECT_TRUE(record().ready.empty());
     if (!stopped) {

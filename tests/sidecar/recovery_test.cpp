@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <ctime>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -101,9 +102,11 @@ TEST_F(Recovery, ReplacedGatewaysExitWithoutRelaunches) {
   const auto manager = makeManager(10);
   manager->start();
   ASSERT_TRUE(eventually([&] { return !record().ready.empty(); })) << record().diagnostics;
-  // Thirty seconds of the manager's time: two relaunches' worth at the longest back-off.
-  std::this_thread::sleep_for(3s);
-  EXPECT_EQ(launches().size(), 3u) << record().diagnostics;
+  // Once the replaced ones are gone the manager has handled their exits: a relaunch would count.
+  ASSERT_EQ(launches().size(), 3u) << record().diagnostics;
+  for (const auto& replaced : {launches()[0], launches()[1]}) {
+    EXPECT_TRUE(eventually([&] { return kill(replaced["pid"].get<pid_t>(), 0) != 0; }));
+  }
   EXPECT_EQ(record().ready.size(), 1u);
   EXPECT_EQ(manager->restartAttempts(), 0);
   EXPECT_TRUE(manager->process()->isRunning());
@@ -119,7 +122,9 @@ TEST_F(Recovery, RuntimeMissingItsInterpreterOrGatewayIsUnpackedAgainWithABackup
     SCOPED_TRACE(part);
     const auto backupsBefore = fs::exists(backups()) ? namesIn(backups()).size() : 0;
     fs::remove_all(runtime() / part);
-    std::this_thread::sleep_for(1100ms);  // a new second: a backup name of its own
+    // A new second on the clock the backup names are made from: a backup name of its own.
+    const auto now = std::time(nullptr);
+    ASSERT_TRUE(eventually([&] { return std::time(nullptr) != now; }));
     ASSERT_TRUE(manager->prepareRuntimeIfNeeded());
     EXPECT_TRUE(fs::exists(runtime() / "sidecar/qor_gateway/main.py"));
     EXPECT_TRUE(fs::exists(runtime() / "python/bin/python"));

@@ -48,9 +48,9 @@ TEST_F(RuntimeProvisioning, FirstUpToDateAndUpgradeStarts) {
 
 TEST_F(RuntimeProvisioning, CorruptArchiveFailsTheStart) {
   std::ofstream(archive()) << "PK\x03\x04 not a zip archive";
-  makeManager()->start();
-  ASSERT_TRUE(eventually([&] { return record().statuses.size() == 2; }));
-  std::this_thread::sleep_for(300ms);
+  const auto manager = makeManager();
+  manager->start();
+  ASSERT_TRUE(eventually([&] { return threadsEnded(manager); }));
   const auto statuses = record().statuses;
   EXPECT_EQ(statuses.at(0), "正在准备首次启动运行环境…");
   const std::regex failed(R"(Sidecar startup failed: Runtime extraction failed \(unzip \d+\))");

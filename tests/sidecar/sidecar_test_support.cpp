@@ -54,8 +54,6 @@ void TestQueue::run() {
 }
 
 SidecarTest::SidecarTest() {
-  std::string pattern = (fs::temp_directory_path() / "qor-sidecar-test-XXXXXX").string();
-  root_ = mkdtemp(pattern.data());
   fs::create_directories(resources());
   std::ofstream(resources() / "QOR_RUNTIME_VERSION") << shippedVersion << "\n";
   setEnv("QOR_DEV", nullptr);
@@ -68,7 +66,6 @@ SidecarTest::~SidecarTest() {
     child->kill();
     child->waitForExit();
   }
-  fs::remove_all(root_);
   for (const auto& [name, value] : savedEnvironment_ | std::views::reverse) {
     value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
   }

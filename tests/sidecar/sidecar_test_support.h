@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "sidecar/sidecar_manager.h"
+#include "support/temporary_folder.h"
 
 namespace qor::testing {
 
@@ -65,6 +66,11 @@ class SidecarTest : public ::testing::Test {
   // A manager on this installation; record() then shows what it reported.
   std::shared_ptr<SidecarManager> makeManager(double clockSpeed = 1.0);
   Record record();
+  // Whether every thread of `manager` has let go of it: only the caller's copy and this
+  // fixture's remain. A thread that has ended can report nothing more.
+  bool threadsEnded(const std::shared_ptr<SidecarManager>& manager) const {
+    return manager.use_count() == 2;
+  }
   // A child killed when the test ends.
   std::shared_ptr<ChildProcess> launch(LaunchOptions options);
   // The stand-in outside any manager, listening on `port` when this returns.
@@ -73,7 +79,8 @@ class SidecarTest : public ::testing::Test {
   const int gatewayPort = freePort(), litellmPort = freePort();
 
  private:
-  fs::path root_;
+  const TemporaryFolder folder_{"qor-sidecar-test"};
+  const fs::path& root_ = folder_.path();
   std::vector<std::pair<std::string, std::optional<std::string>>> savedEnvironment_;
   std::shared_ptr<TestQueue> queue_;
   std::shared_ptr<Record> record_;

@@ -67,10 +67,11 @@ TEST_F(StaleSidecarReaping, OursAreTerminatedOrKilledOthersLeftAlone) {
     const auto sink = [&](std::string_view bytes) { diagnostics.append(bytes); };
     reapStaleSidecars({ports[0], ports[1], ports[2]}, ScaledClock(), sink);
   });
-  EXPECT_EQ(gateways[0]->waitForExitWithTimeout(1s), 0) << "its SIGTERM handler exits with 0";
   EXPECT_EQ(gateways[1]->waitForExitWithTimeout(1500ms), std::nullopt) << "killed before 2 s";
-  ASSERT_EQ(sweep.wait_for(5s), std::future_status::ready);
-  EXPECT_EQ(gateways[1]->waitForExitWithTimeout(1s), 128 + SIGKILL);
+  sweep.get();
+  // The first ends through its SIGTERM handler, which exits with 0.
+  EXPECT_EQ(gateways[0]->waitForExit(), 0);
+  EXPECT_EQ(gateways[1]->waitForExit(), 128 + SIGKILL);
   EXPECT_TRUE(gateways[2]->isRunning());
 
   const auto reaping = [&](int i) {

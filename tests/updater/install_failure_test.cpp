@@ -43,9 +43,6 @@ bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeou
 class InstallScriptRun : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string folder = (std::filesystem::temp_directory_path() / "qor-install-XXXXXX").string();
-    ASSERT_NE(mkdtemp(folder.data()), nullptr);
-    root_ = folder;
     apps_ = root_ / "apps";
     installed_ = apps_ / "QOR Velmora";
     staging_ = root_ / "staging";
@@ -59,7 +56,6 @@ class InstallScriptRun : public ::testing::Test {
   }
   void TearDown() override {
     if (mounted_) umount2(apps_.c_str(), MNT_DETACH);
-    std::filesystem::remove_all(root_);
   }
 
   // A bundle of `version` with `files` small files and the exchange tool; its program appends its
@@ -129,7 +125,8 @@ class InstallScriptRun : public ::testing::Test {
     mounted_ = true;
   }
 
-  std::filesystem::path root_;
+  const TemporaryFolder folder_{"qor-install"};
+  const std::filesystem::path root_ = folder_.path();
   std::filesystem::path apps_;       // the folder the bundle is installed in
   std::filesystem::path installed_;  // the installed bundle
   std::filesystem::path staging_;    // the folder the image was extracted into

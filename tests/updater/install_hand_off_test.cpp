@@ -103,7 +103,7 @@ TEST_F(UpdaterTest, HandOffReplacesTheBundleOnlyAfterTheApplicationHasQuit) {
   EXPECT_PRED2(fits, "qor-install-*.sh qor-staging-* qor-update-*.tar.gz",
                left[0] + " " + left[1] + " " + left[2]);
   EXPECT_PRED2(fits, "*\nPID=" + std::to_string(pid) + "\n*", readFile(temporary_ / left[0]));
-  std::this_thread::sleep_for(1s);  // the script runs, but waits for the application
+  EXPECT_TRUE(ui_->pumpUntil([&] { return scriptWaitsForTheApplication(temporary_ / left[0]); }));
   EXPECT_EQ(readFile(bundle_ / "old-only"), "1.0.0");
 
   application->kill();

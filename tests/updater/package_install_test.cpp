@@ -83,6 +83,8 @@ TEST_F(PackageInstallTest, TheVerifiedPackageIsInstalledAndTheNewVersionStarted)
   const auto left = entriesOf(temporary_);
   ASSERT_EQ(left.size(), 1u);
   EXPECT_PRED2(fits, "qor-install-*.sh", *left.begin());
+  EXPECT_TRUE(
+      ui_->pumpUntil([&] { return scriptWaitsForTheApplication(temporary_ / *left.begin()); }));
   EXPECT_EQ(readFile(bundle_ / "started"), "") << "started only once the application is gone";
 
   application->kill();

@@ -6,15 +6,18 @@
 #include <fnmatch.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include "base/child_process.h"
 #include "base/files.h"
 #include "release/signing_key.h"
+#include "support/temporary_folder.h"
 #include "updater/updater.h"
 
 namespace qor::testing {
@@ -41,6 +44,27 @@ inline std::set<std::string> entriesOf(const std::filesystem::path& folder) {
 // Whether `text` fits `pattern`, in which "*" stands for any text.
 inline bool fits(const std::string& pattern, const std::string& text) {
   return fnmatch(pattern.c_str(), text.c_str(), 0) == 0;
+}
+
+// Whether the install script at `script` has found the application running and waits for it
+// to exit: the script's shell has a `sleep` of its own.
+inline bool scriptWaitsForTheApplication(const std::filesystem::path& script) {
+  std::set<std::string> shells, sleepParents;
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it("/proc", ec), end; !ec && it != end;
+       it.increment(ec)) {
+    const auto pid = it->path().filename().string();
+    if (pid.find_first_not_of("0123456789") != std::string::npos) continue;
+    using namespace std::string_literals;
+    if (readFile(it->path() / "cmdline") == "/bin/bash\0"s + script.string() + '\0') {
+      shells.insert(pid);
+    }
+    std::istringstream stat(readFile(it->path() / "stat"));
+    std::string id, name, state, parent;
+    if (stat >> id >> name >> state >> parent && name == "(sleep)") sleepParents.insert(parent);
+  }
+  return std::ranges::any_of(shells,
+                             [&](const auto& shell) { return sleepParents.contains(shell); });
 }
 
 // The UI thread (the test's own: posted tasks run when the test pumps) and
@@ -109,9 +133,6 @@ class TestUI : public MainThreadQueue, public UpdaterDialogs {
 class UpdaterTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string folder = (std::filesystem::temp_directory_path() / "qor-update-XXXXXX").string();
-    ASSERT_NE(mkdtemp(folder.data()), nullptr);
-    root_ = folder;
     temporary_ = root_ / "tmp dir's";
     bundle_ = root_ / "user's apps" / "QOR Velmora";
     std::filesystem::create_directories(temporary_);
@@ -127,7 +148,6 @@ class UpdaterTest : public ::testing::Test {
   }
   void TearDown() override {
     if (server_) server_->kill(), server_->waitForExit();
-    std::filesystem::remove_all(root_);
   }
 
   std::shared_ptr<Updater> makeUpdater(const std::function<void(Updater::Settings&)>& change = {}) {
@@ -192,7 +212,8 @@ class UpdaterTest : public ::testing::Test {
     updater.checkForUpdates();
   }
 
-  std::filesystem::path root_;
+  const TemporaryFolder folder_{"qor-update"};
+  const std::filesystem::path root_ = folder_.path();
   std::filesystem::path temporary_;  // the updater's temporary folder
   std::filesystem::path bundle_;     // the installed bundle
   std::string host_;

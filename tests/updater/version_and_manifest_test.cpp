@@ -1,7 +1,6 @@
 // The pure rules: version order, the forced update, platform keys, the
 // running version and decoding the manifest.
 #include <sys/utsname.h>
-#include <unistd.h>
 
 #include "updater/qor_manifest.h"
 #include "updater/version_rules.h"
@@ -39,13 +38,13 @@ TEST(UpdateVersionRules, PlatformKeyAndRunningVersion) {
   ASSERT_EQ(uname(&names), 0);
   EXPECT_EQ(platformKey(), platformKeyFor(names.machine));
 
-  const auto root = std::filesystem::temp_directory_path() / ("qor-" + std::to_string(getpid()));
+  const TemporaryFolder folder;
+  const auto& root = folder.path();
   EXPECT_EQ(currentVersion(root), "0.0.0");
   for (const auto& [text, version] : {std::pair{" 1.2.3\r\n", "1.2.3"}, {"\n \t\n", "0.0.0"}}) {
     writeFile(root / "share" / "qor-velmora" / "APP_VERSION", text);
     EXPECT_EQ(currentVersion(root), version) << text;
   }
-  std::filesystem::remove_all(root);
 }
 
 TEST(UpdateManifestDecoding, AcceptsWellTypedDocuments) {

@@ -2,10 +2,17 @@
 (texts or {"hex": ...} chunks), status, body or version of /healthz, by_launch (overrides for launch
 0, 1, ...). It logs starts to launches.jsonl, SIGTERMs to signals.log, exit_code exits to exits.log.
 """
-import time
+import ctypes, http.server, json, os, signal, sys, threading, time
 
-started = time.monotonic()  # before the imports, for the relaunch timing
-import ctypes, http.server, json, os, signal, sys, threading  # noqa: E402
+
+def since_boot():
+    return time.clock_gettime(time.CLOCK_BOOTTIME)
+
+
+# For the relaunch timing: when this process was made, so the interpreter's own start, slow on
+# a busy machine, does not count.
+with open("/proc/self/stat") as stat:
+    started = int(stat.read().rsplit(")", 1)[1].split()[19]) / os.sysconf("SC_CLK_TCK")
 
 options = dict(zip(sys.argv[1::2], sys.argv[2::2]))  # --port P --litellm-port L --data-dir D
 data = options["--data-dir"]
@@ -50,7 +57,7 @@ signal.signal(signal.SIGTERM, on_term)
 threading.Thread(target=exit_with_parent, daemon=True).start()
 if "exit_code" in config:
     with open(os.path.join(data, "exits.log"), "a") as log:
-        log.write(f"{time.monotonic()}\n")
+        log.write(f"{since_boot()}\n")
     os._exit(config["exit_code"])
 for chunk in config.get("output", []):
     is_bytes = isinstance(chunk, dict)
