@@ -1,6 +1,7 @@
 #include "release/release_manifest.h"
 
 #include <algorithm>
+#include <optional>
 #include <regex>
 #include <system_error>
 
@@ -83,6 +84,13 @@ Result<> checkRequest(const ReleaseRequest& request) {
   return {};
 }
 
+// A file whose name gives another version than the release's.
+std::optional<Error> namedForAnotherVersion(const std::filesystem::path& file,
+                                            const std::string& named, const std::string& version) {
+  if (named == version) return std::nullopt;
+  return mismatch(file, "named for version " + named + ", but the release is version " + version);
+}
+
 // The platform key in the image's name, once the name's version is the
 // release's.
 Result<std::string> platformKeyOfName(const std::filesystem::path& image,
@@ -100,10 +108,7 @@ Result<std::string> platformKeyOfName(const std::filesystem::path& image,
     for (const auto& each : keys) known += (known.empty() ? "" : ", ") + each;
     return badImage(image, "unknown platform key \"" + key + "\" (known: " + known + ")");
   }
-  if (named != version) {
-    return mismatch(image,
-                    "named for version " + named + ", but the release is version " + version);
-  }
+  if (auto other = namedForAnotherVersion(image, named, version)) return *other;
   return key;
 }
 
@@ -124,10 +129,7 @@ Result<std::string> packageKeyOfName(const std::filesystem::path& package,
   if (known == std::end(debianArchitectures)) {
     return badImage(package, "unknown architecture \"" + architecture + "\" (known: amd64, arm64)");
   }
-  if (named != version) {
-    return mismatch(package,
-                    "named for version " + named + ", but the release is version " + version);
-  }
+  if (auto other = namedForAnotherVersion(package, named, version)) return *other;
   return debianPackageKey(*platformKeyFor(known->machine));
 }
 
