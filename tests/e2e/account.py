@@ -5,7 +5,7 @@ module, whoever runs it, is read there."""
 
 import contextlib, os, pwd, shutil, signal, subprocess, tempfile, unittest
 
-from harness import Session, pid_alive, wait_until
+from harness import Session, proc_file, processes, wait_until
 
 NAME = "qor-test-other"
 
@@ -70,22 +70,13 @@ class Desktop:
         s.credentials = self.as_account()
         return s
 
-    def processes(self, mark):
-        """The account's live processes whose command line or environment holds `mark`."""
-        found = []
-        for pid in filter(str.isdigit, os.listdir("/proc")):
-            with contextlib.suppress(OSError):
-                if os.stat(f"/proc/{pid}").st_uid == self.user.pw_uid and pid_alive(pid) and any(
-                        mark.encode() in open(f"/proc/{pid}/{part}", "rb").read()
-                        for part in ("cmdline", "environ")):
-                    found.append(int(pid))
-        return found
-
     def close(self):
         """Ends the session bus and what it started (the accessibility bus and its registry)."""
         self.bus.terminate()
         self.bus.wait(timeout=30)
-        for pid in self.processes(self.folder):
+        # The account's processes whose command line or environment names the login's folder.
+        for pid in processes(lambda pid: os.stat(f"/proc/{pid}").st_uid == self.user.pw_uid and any(
+                self.folder.encode() in proc_file(pid, part) for part in ("cmdline", "environ"))):
             with contextlib.suppress(ProcessLookupError):
                 os.kill(pid, signal.SIGKILL)
         shutil.rmtree(self.folder, ignore_errors=True)

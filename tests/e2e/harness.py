@@ -1,13 +1,14 @@
 """The real shell from a staged bundle, in a private home with URL handlers that log what they
 get and the test gateway; the window read and worked through AT-SPI and X, as by a person."""
 
-import contextlib, ctypes, itertools, json, os, shutil, signal, socket, subprocess, tempfile
-import time, urllib.request
+import contextlib, ctypes, itertools, json, os, platform, re, shutil, signal, socket, subprocess
+import tempfile, time, urllib.request
 
 import pyatspi
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 BUNDLE, ARTIFACTS = os.environ["QOR_E2E_BUNDLE"], os.environ["QOR_E2E_ARTIFACTS"]
+ARCH = {"x86_64": "x64", "aarch64": "arm64"}[platform.machine()]
 # The stand-in desktop handlers and the types each is the default for.
 HANDLERS = {"browser": ["x-scheme-handler/http", "x-scheme-handler/https"],
             "mail": ["x-scheme-handler/mailto"], "whatsapp": ["x-scheme-handler/whatsapp"],
@@ -32,6 +33,18 @@ def pid_alive(pid):
         return f.read().rsplit(")", 1)[1].split()[0] != "Z"
 
 
+def processes(belongs):  # the live processes `belongs(pid)` is true for; one that went, is not
+    def live(pid):
+        with contextlib.suppress(OSError):
+            return pid_alive(pid) and belongs(pid)
+    return [int(pid) for pid in os.listdir("/proc") if pid.isdigit() and live(pid)]
+
+
+def proc_file(pid, name):
+    with open(f"/proc/{pid}/{name}", "rb") as f:
+        return f.read()
+
+
 def port_listening(port=8088):
     with socket.socket() as s:
         return s.connect_ex(("127.0.0.1", port)) == 0
@@ -43,8 +56,7 @@ def bundle_file(bundle, name):
 
 
 class Session:  # one private home and, at a time, one running shell with its gateway
-    def __init__(self, name, *, whatsapp_client=True, boot_delay=0, ignore_sigterm=False,
-                 bundled_runtime=False):
+    def __init__(self, name, *, whatsapp_client=True, boot_delay=0, bundled_runtime=False):
         assert not port_listening(), "something already listens on 8088"
         self.name, self.app, self.pid, self._ids = name, None, None, itertools.count(1)
         self.credentials = {}  # Popen's user, group and extra_groups for a shell of another account
@@ -58,7 +70,7 @@ class Session:  # one private home and, at a time, one running shell with its ga
             LANG="C.UTF-8", PYTHONDONTWRITEBYTECODE="1", QOR_DEV="1", QOR_PYTHON="/usr/bin/python3",
             QOR_SIDECAR_DIR=f"{HERE}/test_gateway", QOR_E2E_LOG=self.log,
             QOR_E2E_VERSION=bundle_file(BUNDLE, "QOR_RUNTIME_VERSION"),
-            QOR_E2E_BOOT_DELAY=str(boot_delay), QOR_E2E_IGNORE_SIGTERM=str(int(ignore_sigterm)),
+            QOR_E2E_BOOT_DELAY=str(boot_delay),
             ASAN_OPTIONS="detect_leaks=0")  # GTK and WebKit keep allocations until exit
         if bundled_runtime:  # the runtime the bundle ships, provisioned on first start
             for key in ("QOR_DEV", "QOR_PYTHON", "QOR_SIDECAR_DIR"):
@@ -90,6 +102,13 @@ class Session:  # one private home and, at a time, one running shell with its ga
         wait_until(lambda: len(self.requests("/")) >= pages, 60, "the gateway's page")
         self.wait_page("/")
 
+    def wait_shipped_page(self):
+        """Until the page of the gateway a bundle ships loads once more: its script asks for the
+        notes as soon as it runs, which that gateway logs, answering only this run's window."""
+        pages = lambda: len(re.findall(r'"GET /api/notes HTTP/1\.[01]" 200 ', self.output()))
+        seen = pages()
+        wait_until(lambda: pages() > seen, 90, "the gateway's page")
+
     def wait_page(self, path):  # until the page last served for `path` polls for script
         number = wait_until(lambda: self.requests(path), 15, f"GET {path}")[-1]["page"]
         wait_until(lambda: self.requests(f"/__test/next?page={number}"), 15, f"{path} to poll")
@@ -97,22 +116,29 @@ class Session:  # one private home and, at a time, one running shell with its ga
     def gateway_pids(self):
         return [e["pid"] for e in self.events("start")]
 
-    def assert_quit_cleanly(self, test, pid=None):
+    def follow_relaunch(self):
+        """Waits for the gateway of the shell that was started again; that shell is followed."""
+        gateway = wait_until(lambda: self.gateway_pids()[1:], 60, "a new gateway")[0]
+        with open(f"/proc/{gateway}/stat") as f:
+            self.pid = int(f.read().rsplit(")", 1)[1].split()[1])
+
+    def assert_quit_cleanly(self, test):
         """The shell has ended (our child: with 0) after SIGTERM to its gateway, leaving none."""
-        if pid is None:
+        if self.pid == self.app.pid:
             test.assertEqual(self.app.wait(timeout=30), 0)
-        wait_until(lambda: not pid_alive(pid or self.pid), 30, "the shell to end")
+        wait_until(lambda: not pid_alive(self.pid), 30, "the shell to end")
         test.assertEqual([e["pid"] for e in self.events("sigterm")][-1:], self.gateway_pids()[-1:])
         wait_until(lambda: not self.processes(), 20, "no process of the session")
         test.assertFalse(port_listening(), "port 8088 is still served")
 
-    def processes(self):  # this session's: they carry its environment or its folder
+    def processes(self, command=b""):
+        """This session's (they carry its environment or its folder) whose command line holds
+        `command`."""
         def mine(pid):
-            with contextlib.suppress(OSError), open(f"/proc/{pid}/cmdline", "rb") as cmd, \
-                    open(f"/proc/{pid}/environ", "rb") as env:
-                return pid_alive(pid) and (self.root.encode() in cmd.read() or
-                                           f"QOR_E2E_LOG={self.log}".encode() in env.read())
-        return [int(pid) for pid in os.listdir("/proc") if pid.isdigit() and mine(pid)]
+            line = proc_file(pid, "cmdline")
+            return command in line and (self.root.encode() in line or f"QOR_E2E_LOG={self.log}"
+                                        .encode() in proc_file(pid, "environ"))
+        return processes(mine)
 
     def close(self):
         """Ends whatever still runs (a relaunched shell, gateways, handlers) and keeps the log."""
@@ -196,15 +222,19 @@ class Session:  # one private home and, at a time, one running shell with its ga
     def click(self, x, y):  # a real pointer click at window coordinates
         xdotool("mousemove", "--window", self.window_id(), str(x), str(y), "click", "1")
 
+    def dialog_window_id(self):  # a dialog is on the accessibility bus before its X window maps
+        return wait_until(lambda: [w for w in xdotool("search", "--onlyvisible", "--pid",
+                                                      str(self.pid)).split() if transient(w)],
+                          30, "the dialog's X window")[0]
+
     def key(self, keys, dialog=False, text=None):
         """Focuses the main window (or the dialog over it), then presses `keys` or types."""
-        main = self.window_id()
-        # A dialog is on the accessibility bus before its X window maps.
-        target = wait_until(lambda: next(w for w in xdotool(
-            "search", "--onlyvisible", "--pid", str(self.pid)).split() if w != main), 30,
-            "the dialog's X window") if dialog else main
-        xdotool("windowfocus", "--sync", target)
+        xdotool("windowfocus", "--sync", self.dialog_window_id() if dialog else self.window_id())
         xdotool(*(["type", "--delay", "20", text] if text else ["key", "--clearmodifiers", keys]))
+
+    def answer(self, dialog, title):  # presses its button `title`; the dialog closes
+        press(dialog, title)
+        wait_until(lambda: dialog not in self.windows("dialog"), 10, f"{title} to close it")
 
     def choose(self, menu, item=None):  # opens `menu` with a click, then activates `item`
         bar_item = find_all(self.main_window(), role="menu item", name=menu, max_depth=3)[0]
@@ -227,6 +257,11 @@ def process_id(app):  # None for an application that has just gone, which must n
 
 def xdotool(*args):
     return subprocess.run(["xdotool", *args], capture_output=True, text=True).stdout
+
+
+def xprop(window, name):  # a property's value as xprop prints it
+    output = subprocess.run(["xprop", "-id", window, name], capture_output=True, text=True).stdout
+    return output.partition(" = ")[2].strip()
 
 
 def transient(window):  # a dialog: it names the window it belongs to

@@ -1,6 +1,6 @@
 """Where clicked links, window.open and frames go: inside, to a desktop handler, or nowhere."""
 
-import contextlib, json, unittest
+import json, unittest
 
 from harness import HANDLERS, Session, wait_until
 
@@ -30,13 +30,6 @@ WITHOUT_CLIENT = [(ACTION, None, "browser", "https://wa.me/15550102222?text=Hi%2
                   (WA, None, None, None), (WA, "_blank", None, None)]
 
 
-def handlers_running(s):  # the stand-in desktop handlers the shell started and still run
-    def handler(pid):
-        with contextlib.suppress(OSError), open(f"/proc/{pid}/cmdline", "rb") as f:
-            return b"record_url.py" in f.read()
-    return [pid for pid in s.processes() if handler(pid)]
-
-
 class NavigationTest(unittest.TestCase):
     def check(self, rows, **options):
         s = Session(f"navigation-{len(rows)}", **options)
@@ -62,7 +55,7 @@ class NavigationTest(unittest.TestCase):
                     wait_until(lambda: MARK in s.handled("mail")[handled["mail"]:], 10, MARK)
                     handled["mail"] += 1  # the marker's own
                 # Handlers launched before the last one have finished with it.
-                wait_until(lambda: not handlers_running(s), 10, "the handlers to finish")
+                wait_until(lambda: not s.processes(b"record_url.py"), 10, "the handlers to finish")
                 self.assertEqual({h: s.handled(h)[handled[h]:] for h in HANDLERS},
                                  {h: [expected] if h == where else [] for h in HANDLERS})
                 self.assertEqual(s.requests()[paths:], [], "nothing reached the gateway")

@@ -72,7 +72,7 @@ class PackageUpdateTest(UpdateHost):
     def start(self, name, files):
         """The older release installed as the package lays it out, in a root-owned folder, and
         running as the account."""
-        self.server.files, self.server.asked, self.server.pause = files, [], 0
+        self.serve(files)
         system = tempfile.mkdtemp(prefix="qor-e2e-system-")
         os.chmod(system, 0o755)
         self.addCleanup(shutil.rmtree, system)
@@ -93,8 +93,7 @@ class PackageUpdateTest(UpdateHost):
         dialog = s.dialog(FOUND[0], 30)
         self.assertEqual((texts(dialog), titles(dialog)), (PACKAGE_MANAGER, ["好"]))
         s.screenshot("package-update-none")
-        press(dialog, "好")
-        wait_until(lambda: not s.windows("dialog"), 10, "the alert to close")
+        s.answer(dialog, "好")
         os.kill(s.pid, signal.SIGTERM)
         s.assert_quit_cleanly(self)
 
@@ -138,10 +137,8 @@ class PackageUpdateTest(UpdateHost):
         self.assertNotIn(IMAGE, self.server.asked)
 
         # The new version starts, as the account, from the same place.
-        new = wait_until(lambda: s.gateway_pids()[1:], 60, "a new gateway")[0]
+        s.follow_relaunch()
         s.wait_ready(pages=2)
-        with open(f"/proc/{new}/stat") as f:
-            s.pid = int(f.read().rsplit(")", 1)[1].split()[1])
         self.assertEqual(os.readlink(f"/proc/{s.pid}/exe"), f"{bundle}/bin/qor-velmora")
         self.assertEqual(os.stat(f"/proc/{s.pid}").st_uid, desktop.user.pw_uid)
         self.assertEqual(bundle_file(bundle, "APP_VERSION"), NEW)
@@ -152,7 +149,7 @@ class PackageUpdateTest(UpdateHost):
                                        r"\[.*\] relaunched\n$")
         s.main_window()  # the new window, whose quitting stops the new gateway
         os.kill(s.pid, signal.SIGTERM)
-        s.assert_quit_cleanly(self, pid=s.pid)
+        s.assert_quit_cleanly(self)
 
 
 if __name__ == "__main__":

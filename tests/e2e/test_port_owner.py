@@ -20,13 +20,6 @@ def setUpModule():
     unittest.addModuleCleanup(desktop.close)
 
 
-def running_gateways(s):  # the session's gateway processes still alive
-    def gateway(pid):
-        with open(f"/proc/{pid}/cmdline", "rb") as f:
-            return b"qor_gateway.main" in f.read()
-    return [pid for pid in s.processes() if gateway(pid)]
-
-
 class PortOwnerTest(unittest.TestCase):
     def assert_nothing_relaunched(self, s, launches):
         """Over the relaunch span: the session's gateway launches stay at `launches`, none of them
@@ -34,11 +27,12 @@ class PortOwnerTest(unittest.TestCase):
         end = time.monotonic() + RELAUNCH_SPAN
         while time.monotonic() < end:
             self.assertEqual(len(s.gateway_pids()), launches)
-            self.assertEqual(running_gateways(s), [])
+            self.assertEqual(s.processes(b"qor_gateway.main"), [])
             self.assertIsNone(s.app.poll())
             time.sleep(0.1)
         self.assertEqual(s.boot_label(), REFUSED)
         self.assertFalse(s.webview_visible())
+        self.assertIn("[sidecar] port 8088 is held by another account", s.output())
 
     def test_a_second_accounts_window_shows_the_port_text_not_the_first_users_page(self):
         # Both sessions are made while the port is free; the first user's closes first.

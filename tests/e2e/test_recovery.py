@@ -12,11 +12,6 @@ PAGE_CRASHED = ("The page stopped unexpectedly several times within a minute and
 MISMATCH = re.compile(r"\[sidecar\] healthz version \S+ != bundled \S+; reaping stale sidecar")
 
 
-def command_of(pid):
-    with open(f"/proc/{pid}/comm") as f:
-        return f.read().strip()
-
-
 class RecoveryTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -50,7 +45,7 @@ class RecoveryTest(unittest.TestCase):
         self.assertTrue(self.s.webview_visible())
 
     def kill_page_process(self):
-        web = [p for p in self.s.processes() if command_of(p).startswith("WebKitWebProces")]
+        web = self.s.processes(b"WebKitWebProcess")
         self.assertTrue(web, "no page process found")
         for pid in web:
             os.kill(pid, signal.SIGKILL)

@@ -3,7 +3,7 @@
 import os, re, subprocess, unittest
 
 from harness import (BUNDLE, Session, find_all, pid_alive, port_listening, press, states, texts,
-                     titles, transient, wait_until, xdotool)
+                     titles, wait_until, xdotool, xprop)
 
 BOOT, APP_ID = "Starting QOR Velmora…", "org.qor.Velmora"
 STALE = ("import signal, socket, time; signal.signal(signal.SIGTERM, signal.SIG_IGN); s = "
@@ -38,11 +38,6 @@ def entries(menu):  # per item (title, shortcut, sensitive), None per separator
     return [(n.name, "".join(c.name for c in find_all(n, role="label", max_depth=1)[1:]),
              int("sensitive" in states(n))) if n.getRoleName() == "menu item" else None
             for n in items if n.getRoleName() in ("menu item", "separator")]
-
-
-def xprop(window, name):  # a property's value as xprop prints it
-    output = subprocess.run(["xprop", "-id", window, name], capture_output=True, text=True).stdout
-    return output.partition(" = ")[2].strip()
 
 
 class WindowTest(unittest.TestCase):
@@ -117,10 +112,7 @@ class WindowTest(unittest.TestCase):
                 # (for a prompt the field has it, 280 × 24, 8 pixels below the prompt line).
                 buttons = ["好"] if expected[0] == "QOR Velmora" else ["取消", "确定"]
                 self.assertEqual(titles(dialog), buttons)
-                dialog_window = wait_until(lambda: [w for w in xdotool(
-                    "search", "--onlyvisible", "--pid", str(s.pid)).split() if transient(w)],
-                    10, "the dialog's X window")[0]
-                self.assertEqual(xprop(dialog_window, "_NET_WM_NAME"), '"QOR Velmora"')
+                self.assertEqual(xprop(s.dialog_window_id(), "_NET_WM_NAME"), '"QOR Velmora"')
                 field = find_all(dialog, role="text")
                 focus = (field or find_all(dialog, role="push button", name=buttons[-1]))[0]
                 self.assertIn("focused", states(focus))

@@ -1,9 +1,9 @@
-"""The window's size and maximised state across runs, saved in the product's folder."""
+"""The window's size and maximised state across runs, saved in the product's folder; and every way
+of quitting, each stopping the gateway with SIGTERM and leaving nothing behind."""
 
-import os, stat, unittest
+import os, signal, stat, unittest
 
-from harness import Session, close_window, wait_until, xdotool
-from test_window import xprop
+from harness import Session, close_window, wait_until, xdotool, xprop
 
 FIRST_RUN = (1280, 820)
 
@@ -20,7 +20,8 @@ class WindowStateTest(unittest.TestCase):
         return int(values["WIDTH"]), int(values["HEIGHT"])
 
     def run_once(self, quit_by):
-        """Starts the shell until its page shows, resizes its window to 1000 × 700, quits."""
+        """Starts the shell until its page shows, resizes its window to 1000 × 700, quits by
+        `quit_by`: the close button, a signal or keys."""
         s = self.s
         s.launch()
         s.wait_ready(pages=len(s.requests("/")) + 1)
@@ -29,9 +30,12 @@ class WindowStateTest(unittest.TestCase):
         wait_until(lambda: self.size() == (1000, 700), 10, "the window to be 1000 × 700")
         if quit_by == "close button":
             close_window(int(s.window_id()))
+        elif isinstance(quit_by, signal.Signals):
+            s.app.send_signal(quit_by)
         else:
             s.key(quit_by)
-        self.assertEqual(s.app.wait(timeout=30), 0)
+        s.assert_quit_cleanly(self)
+        self.assertEqual(len(s.gateway_pids()), len(s.requests("/")), "one gateway per run")
         return opened
 
     def write(self, text):
@@ -44,14 +48,15 @@ class WindowStateTest(unittest.TestCase):
         self.assertEqual(stat.S_IMODE(os.stat(self.file).st_mode), 0o600)
         self.write("[Window]\nwidth=900\nheight=600\nmaximized=false\n")
         self.assertEqual(self.run_once("close button"), (900, 600))
-        self.assertEqual(self.run_once("ctrl+q"), (1000, 700))
+        self.assertEqual(self.run_once("ctrl+w"), (1000, 700))
 
     def test_what_cannot_be_restored_opens_at_the_first_run_size(self):
-        for text in ("[Window]\nwidth=3000\nheight=600\nmaximized=false\n",  # screen: 1400 wide
-                     "[Window]\nwidth=900\n", "\x00garbage"):
+        for text, quit_by in (  # the screen is 1400 wide
+                ("[Window]\nwidth=3000\nheight=600\nmaximized=false\n", signal.SIGTERM),
+                ("[Window]\nwidth=900\n", signal.SIGINT), ("\x00garbage", signal.SIGHUP)):
             with self.subTest(text=text):
                 self.write(text)
-                self.assertEqual(self.run_once("ctrl+q"), FIRST_RUN)
+                self.assertEqual(self.run_once(quit_by), FIRST_RUN)
 
     def test_a_maximised_window_opens_maximised(self):
         self.write("[Window]\nwidth=900\nheight=600\nmaximized=true\n")
