@@ -191,12 +191,15 @@ gboolean GatewayWebView::onContextMenu(WebKitWebView*, WebKitContextMenu* menu,
 }
 
 // The engine's own error page is never shown; a failure after the page was
-// committed is written into the (covered) boot label.
-gboolean GatewayWebView::onLoadFailed(WebKitWebView*, WebKitLoadEvent event, char*, GError* error,
-                                      gpointer self) {
+// committed is written into the (covered) boot label, an earlier one only
+// into the diagnostics, as the page it would have replaced stays.
+gboolean GatewayWebView::onLoadFailed(WebKitWebView*, WebKitLoadEvent event, char* uri,
+                                      GError* error, gpointer self) {
   if (event == WEBKIT_LOAD_COMMITTED) {
     static_cast<GatewayWebView*>(self)->host_.showStatus(std::string(loadFailedText) +
                                                          error->message);
+  } else {
+    g_message("%s was not loaded: %s", uri, error->message);
   }
   return true;
 }

@@ -7,9 +7,12 @@ from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 _lock = threading.Lock()  # guards the log and the fields below
 _commands, _pages = collections.deque(), {"served": 0, "active": 0}
+_committed = threading.Event()  # the truncated page's script ran: its load was committed
 PAGE = """<!doctype html><meta charset="utf-8"><title>QOR e2e %s</title><body style="margin: 0;
 height: 100vh; background: rgb(32, 120, 200); color: white"><h1>测试网关页面 %s</h1><script>
-const report = (value) => fetch('/__test/report', {method: 'POST', body: JSON.stringify(value)});
+// A navigation that starts may cancel a report under way; the page goes on polling.
+const report = (value) =>
+  fetch('/__test/report', {method: 'POST', body: JSON.stringify(value)}).catch(() => null);
 window.addEventListener('message', (event) => report({message: event.data}));
 // Covers the page with one link; for target 'open' a click calls window.open instead.
 function showLink(href, target, id) {
@@ -70,9 +73,13 @@ class Handler(BaseHTTPRequestHandler):
         elif self.path.startswith("/__test/next"):
             self.send(200, command) if command else self.send(204)
         elif self.path == "/truncated":  # committed, then the connection drops
-            self.send(200, b"<!doctype html><p>partial" + b" " * 4096, length=1000000)
-            time.sleep(0.5)
+            self.send(200, b"<!doctype html><script>fetch('/__test/committed')</script><p>partial"
+                      + b" " * 4096, length=1000000)
+            _committed.wait(60)
             self.connection.shutdown(socket.SHUT_RDWR)
+        elif self.path == "/__test/committed":
+            _committed.set()
+            self.send(204)
         elif "page" in entry:
             self.send(200, (PAGE % (self.path, self.path, entry["page"])).encode())
         else:
