@@ -119,8 +119,7 @@ class Session:  # one private home and, at a time, one running shell with its ga
     def follow_relaunch(self):
         """Waits for the gateway of the shell that was started again; that shell is followed."""
         gateway = wait_until(lambda: self.gateway_pids()[1:], 60, "a new gateway")[0]
-        with open(f"/proc/{gateway}/stat") as f:
-            self.pid = int(f.read().rsplit(")", 1)[1].split()[1])
+        self.pid = int(proc_file(gateway, "stat").rsplit(b")", 1)[1].split()[1])
 
     def assert_quit_cleanly(self, test):
         """The shell has ended (our child: with 0) after SIGTERM to its gateway, leaving none."""
