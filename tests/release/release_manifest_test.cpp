@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <variant>
 
 #include "base/child_process.h"
 #include "base/files.h"
@@ -107,79 +108,79 @@ TEST_F(ReleaseTool, WritesAManifestTheUpdaterDecodes) {
 
 TEST_F(ReleaseTool, RefusesInconsistentInputAndWritesNothing) {
   const auto good = makeImage("QOR-Velmora-1.1.0-linux-x64.tar.gz", "1.1.0");
-  const auto copy = makeImage("copy/QOR-Velmora-1.1.0-linux-x64.tar.gz", "1.1.0");
-  const auto darwin = makeImage("QOR-Velmora-1.1.0-darwin-x64.tar.gz", "1.1.0");
-  const auto namedOld = makeImage("QOR-Velmora-1.0.9-linux-arm64.tar.gz", "1.1.0");
-  const auto holdsOld = makeImage("QOR-Velmora-1.1.0-linux-arm64.tar.gz", "1.0.9");
-  const auto noBundle = makeImage("bare/QOR-Velmora-1.1.0-linux-arm64.tar.gz", "1.1.0", "Other");
-  const auto notTar = folder / "text/QOR-Velmora-1.1.0-linux-arm64.tar.gz";
-  fs::create_directories(notTar.parent_path());
-  ASSERT_TRUE(writeFileAtomically(notTar, "not an image"));
-  const auto missing = folder / "gone/QOR-Velmora-1.1.0-linux-arm64.tar.gz";
-  const auto misnamed = folder / "Velmora-1.1.0-linux-x64.tar.gz";
   const auto package = makePackage("qor-velmora_1.1.0_amd64.deb", "1.1.0");
-  const auto packageCopy = makePackage("copy/qor-velmora_1.1.0_amd64.deb", "1.1.0");
-  const auto packageNamedOld = makePackage("qor-velmora_1.0.9_arm64.deb", "1.1.0");
-  const auto packageHoldsOld = makePackage("qor-velmora_1.1.0_arm64.deb", "1.0.9");
-  const auto otherPackage = makePackage("other/qor-velmora_1.1.0_arm64.deb", "1.1.0", "other");
-  const auto i386 = makePackage("qor-velmora_1.1.0_i386.deb", "1.1.0");
-  const auto packageMisnamed = makePackage("qor-velmora-1.1.0-amd64.deb", "1.1.0");
-  const auto notPackage = folder / "text/qor-velmora_1.1.0_arm64.deb";
-  ASSERT_TRUE(writeFileAtomically(notPackage, "not a package"));
-
+  const auto text = [&](const std::string& name) {
+    fs::create_directories((folder / name).parent_path());
+    EXPECT_TRUE(writeFileAtomically(folder / name, "not an image"));
+    return folder / name;
+  };
   const auto with = [&](const std::function<void(ReleaseRequest&)>& change) {
     ReleaseRequest request{"1.1.0", "https://u.example/qor", "notes", "1.0.0", {good}};
     change(request);
     return request;
   };
-  const auto adding = [&](const fs::path& image) {
-    return with([&](ReleaseRequest& request) { request.images.push_back(image); });
+  const auto base = [&](const std::string& address) {
+    return with([&](ReleaseRequest& r) { r.baseUrl = address; });
   };
-  const std::pair<ReleaseRequest, std::string> cases[] = {
+  // Requests, or files added to the good one (packages after a good package); "@" in the
+  // refusal stands for the file.
+  const std::pair<std::variant<ReleaseRequest, fs::path>, std::string> cases[] = {
       {with([](auto& r) { r.images.clear(); }), "no image given"},
       {with([](auto& r) { r.version = "v1.1"; }),
        "the version \"v1.1\" is not a version such as 1.1.0"},
+      {with([](auto& r) { r.minVersion = "1.0 "; }),
+       "the minimum version \"1.0 \" is not a version such as 1.0.0"},
       {with([](auto& r) { r.minVersion = "1.1.0.1"; }),
        "the minimum version 1.1.0.1 is above the release version 1.1.0"},
-      {with([](auto& r) { r.baseUrl = "http://u.example/qor"; }),
+      {base("http://u.example/qor"),
        "the base address \"http://u.example/qor\" is not an https:// address of a folder"},
-      {with([](auto& r) { r.baseUrl = "https://u.example/get?file="; }),
+      {base("https://u.example/get?file="),
        "the base address \"https://u.example/get?file=\" is not an https:// address of a folder"},
-      {adding(missing), "cannot open " + missing.string() + ": No such file or directory"},
-      {adding(misnamed),
-       misnamed.string() + ": the name must be QOR-Velmora-<version>-<platform key>.tar.gz"},
-      {adding(darwin),
-       darwin.string() + ": unknown platform key \"darwin-x64\" (known: linux-x64, linux-arm64)"},
-      {adding(copy), copy.string() + ": a second image for linux-x64"},
-      {adding(namedOld),
-       namedOld.string() + ": named for version 1.0.9, but the release is version 1.1.0"},
-      {adding(holdsOld), holdsOld.string() +
-                             ": holds version \"1.0.9\" (QOR Velmora/share/qor-velmora/"
-                             "APP_VERSION), but the release is version 1.1.0"},
-      {adding(notTar), notTar.string() + ": not a gzip-compressed tar archive"},
-      {with([&](auto& r) {
-         r.images = {good, package, packageCopy};
-       }),
-       packageCopy.string() + ": a second package for linux-x64-deb"},
-      {adding(packageNamedOld),
-       packageNamedOld.string() + ": named for version 1.0.9, but the release is version 1.1.0"},
-      {adding(packageHoldsOld),
-       packageHoldsOld.string() +
-           ": holds version \"1.0.9\" (its control file), but the release is version 1.1.0"},
-      {adding(otherPackage), otherPackage.string() + ": not the qor-velmora package"},
-      {adding(i386), i386.string() + ": unknown architecture \"i386\" (known: amd64, arm64)"},
-      {adding(packageMisnamed),
-       packageMisnamed.string() + ": the name must be qor-velmora_<version>_<architecture>.deb"},
-      {adding(notPackage), notPackage.string() + ": not a Debian package"},
-      {adding(noBundle), noBundle.string() +
-                             ": has no \"QOR Velmora/share/qor-velmora/APP_VERSION\": its "
-                             "top-level entry must be the folder \"QOR Velmora\""},
+      {folder / "gone/QOR-Velmora-1.1.0-linux-arm64.tar.gz",
+       "cannot open @: No such file or directory"},
+      {folder / "Velmora-1.1.0-linux-x64.tar.gz",
+       "@: the name must be QOR-Velmora-<version>-<platform key>.tar.gz"},
+      {makeImage("QOR-Velmora-1.1.0-darwin-x64.tar.gz", "1.1.0"),
+       "@: unknown platform key \"darwin-x64\" (known: linux-x64, linux-arm64)"},
+      {makeImage("copy/QOR-Velmora-1.1.0-linux-x64.tar.gz", "1.1.0"),
+       "@: a second image for linux-x64"},
+      {makeImage("QOR-Velmora-1.0.9-linux-arm64.tar.gz", "1.1.0"),
+       "@: named for version 1.0.9, but the release is version 1.1.0"},
+      {makeImage("QOR-Velmora-1.1.0-linux-arm64.tar.gz", "1.0.9"),
+       "@: holds version \"1.0.9\" (QOR Velmora/share/qor-velmora/APP_VERSION), but the release "
+       "is version 1.1.0"},
+      {text("text/QOR-Velmora-1.1.0-linux-arm64.tar.gz"), "@: not a gzip-compressed tar archive"},
+      {makeImage("bare/QOR-Velmora-1.1.0-linux-arm64.tar.gz", "1.1.0", "Other"),
+       "@: has no \"QOR Velmora/share/qor-velmora/APP_VERSION\": its top-level entry must be the "
+       "folder \"QOR Velmora\""},
+      {makePackage("copy/qor-velmora_1.1.0_amd64.deb", "1.1.0"),
+       "@: a second package for linux-x64-deb"},
+      {makePackage("qor-velmora_1.0.9_arm64.deb", "1.1.0"),
+       "@: named for version 1.0.9, but the release is version 1.1.0"},
+      {makePackage("qor-velmora_1.1.0_arm64.deb", "1.0.9"),
+       "@: holds version \"1.0.9\" (its control file), but the release is version 1.1.0"},
+      {makePackage("other/qor-velmora_1.1.0_arm64.deb", "1.1.0", "other"),
+       "@: not the qor-velmora package"},
+      {makePackage("qor-velmora_1.1.0_i386.deb", "1.1.0"),
+       "@: unknown architecture \"i386\" (known: amd64, arm64)"},
+      {makePackage("qor-velmora-1.1.0-amd64.deb", "1.1.0"),
+       "@: the name must be qor-velmora_<version>_<architecture>.deb"},
+      {text("text/qor-velmora_1.1.0_arm64.deb"), "@: not a Debian package"},
   };
   const auto outputs = folder / "out";
   const auto existing = outputs / "latest.json", fresh = outputs / "new.json";
   fs::create_directories(outputs);
   ASSERT_TRUE(writeFileAtomically(existing, "the previous release"));
-  for (const auto& [request, expected] : cases) {
+  for (const auto& [change, refusal] : cases) {
+    auto request = with([](auto&) {});
+    auto expected = refusal;
+    if (const auto* file = std::get_if<fs::path>(&change)) {
+      if (file->filename().string().ends_with(".deb")) request.images.push_back(package);
+      request.images.push_back(*file);
+      expected.replace(expected.find('@'), 1, file->string());
+    } else {
+      request = std::get<ReleaseRequest>(change);
+    }
     for (const auto& output : {existing, fresh}) {
       const auto written = writeReleaseManifest(request, output);
       ASSERT_FALSE(written) << expected;
@@ -188,8 +189,8 @@ TEST_F(ReleaseTool, RefusesInconsistentInputAndWritesNothing) {
     EXPECT_EQ(readTextFile(existing), "the previous release") << expected;
     EXPECT_EQ(std::distance(fs::directory_iterator(outputs), {}), 1) << expected;
   }
-  // The request every case changes is itself fine.
-  EXPECT_TRUE(writeReleaseManifest(with([](auto&) {}), fresh));
+  // The request every case changes is itself fine, and so is its package.
+  EXPECT_TRUE(writeReleaseManifest(with([&](auto& r) { r.images.push_back(package); }), fresh));
 }
 
 TEST_F(ReleaseTool, CommandLine) {
