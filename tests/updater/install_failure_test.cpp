@@ -1,10 +1,9 @@
 // The install script run for real on real folders: a copy that cannot be
-// made or checked keeps the installed bundle byte for byte, a kill at any
-// point leaves a complete bundle at the bundle path, and the next start tells
-// of a failed install once.
+// made, checked or swapped keeps the installed bundle byte for byte and names
+// the step that failed, and a kill at any point leaves a complete bundle at
+// the bundle path. (A disk that fills up during the copy is seen through the
+// window.)
 #include <signal.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
 
 #include <map>
 
@@ -32,14 +31,6 @@ std::map<std::string, std::string> snapshotOf(const std::filesystem::path& folde
   return files;
 }
 
-bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout = 20s) {
-  for (const auto end = std::chrono::steady_clock::now() + timeout; !done();) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
-
 class InstallScriptRun : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -51,11 +42,14 @@ class InstallScriptRun : public ::testing::Test {
     started_ = root_ / "started";
     // Open to the unprivileged user some cases run the script as.
     std::filesystem::permissions(root_, std::filesystem::perms(0755));
+    startAfresh();
+  }
+  void startAfresh() const {
+    for (const auto& entry : std::filesystem::directory_iterator(root_)) {
+      std::filesystem::remove_all(entry.path());
+    }
     std::filesystem::create_directories(apps_);
     std::filesystem::create_directories(support_);
-  }
-  void TearDown() override {
-    if (mounted_) umount2(apps_.c_str(), MNT_DETACH);
   }
 
   // A bundle of `version` with `files` small files and the exchange tool; its program appends its
@@ -116,13 +110,7 @@ class InstallScriptRun : public ::testing::Test {
                  {"--reuid=" + id, "--regid=" + id, "--clear-groups", "/bin/bash", file}};
     }
     EXPECT_EQ(ChildProcess::run(options).value(), 0);
-    EXPECT_TRUE(waitFor([&] { return readFile(started_).ends_with("\n"); }));
-  }
-
-  void mountSmallDisk(const char* size) {
-    ASSERT_EQ(mount("tmpfs", apps_.c_str(), "tmpfs", 0, ("size=" + std::string(size)).c_str()), 0)
-        << strerror(errno);
-    mounted_ = true;
+    EXPECT_TRUE(eventually([&] { return readFile(started_).ends_with("\n"); }));
   }
 
   const TemporaryFolder folder_{"qor-install"};
@@ -133,11 +121,9 @@ class InstallScriptRun : public ::testing::Test {
   std::filesystem::path image_;
   std::filesystem::path support_;  // update.log and the failure mark
   std::filesystem::path started_;  // each started program's version
-  bool mounted_ = false;
 };
 
 TEST_F(InstallScriptRun, AFailedInstallKeepsTheInstalledBundleAndLeavesTheVersionForTheNextStart) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root for a small disk and another user";
   struct Case {
     std::string name;
     std::function<void(InstallScript&)> arrange;
@@ -145,42 +131,29 @@ TEST_F(InstallScriptRun, AFailedInstallKeepsTheInstalledBundleAndLeavesTheVersio
     std::optional<uid_t> user;
   };
   const Case cases[] = {
-      {"a disk that fills up during the copy",
-       [this](InstallScript&) {
-         mountSmallDisk("2m");
-         prepare();
-         writeFile(staging_ / "QOR Velmora" / "share" / "large", std::string(3 << 20, 'x'));
-       },
-       "cannot copy the new version next to *"},
       {"a folder the user cannot write",
        [this](InstallScript&) {
-         prepare();
          const auto owner = std::to_string(unprivileged) + ":" + std::to_string(unprivileged);
          ASSERT_EQ(ChildProcess::run({"/bin/chown", {"-R", owner, root_}}).value(), 0);
          std::filesystem::permissions(apps_, std::filesystem::perms(0555));
        },
        "cannot copy the new version next to *", unprivileged},
-      {"an image of another version",
-       [this](InstallScript& script) {
-         prepare();
-         script.version = "1.2.0";
-       },
+      {"an image of another version", [](InstallScript& script) { script.version = "1.2.0"; },
        "the copy's APP_VERSION is not 1.2.0"},
       {"an image without the program",
        [this](InstallScript&) {
-         prepare();
          std::filesystem::remove(staging_ / "QOR Velmora" / "bin" / "qor-velmora");
        },
        "the copy has no executable bin/qor-velmora"},
       {"a swap the filesystem refuses",
-       [this](InstallScript& script) {
-         prepare();
-         script.exchangeTool = "/bin/false";
-       },
+       [](InstallScript& script) { script.exchangeTool = "/bin/false"; },
        "cannot swap the copy with *"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
+    if (c.user && geteuid() != 0) continue;  // needs root to run as another user
+    startAfresh();
+    prepare();
     auto script = this->script();
     c.arrange(script);
     const auto before = snapshotOf(installed_);
@@ -198,16 +171,6 @@ TEST_F(InstallScriptRun, AFailedInstallKeepsTheInstalledBundleAndLeavesTheVersio
               std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
     EXPECT_FALSE(std::filesystem::exists(staging_));
     EXPECT_FALSE(std::filesystem::exists(image_));
-
-    // The next case starts afresh.
-    std::filesystem::permissions(apps_, std::filesystem::perms(0755));
-    for (const auto& entry : std::filesystem::directory_iterator(root_)) {
-      if (entry.path() != apps_) std::filesystem::remove_all(entry.path());
-    }
-    if (mounted_) umount2(apps_.c_str(), MNT_DETACH), mounted_ = false;
-    std::filesystem::remove_all(apps_);
-    std::filesystem::create_directories(apps_);
-    std::filesystem::create_directories(support_);
   }
 }
 
@@ -227,6 +190,7 @@ TEST_F(InstallScriptRun, AKillAtAnyPointLeavesACompleteBundleThatTheNextUpdateRe
   };
   for (const auto& [point, reached] : points) {
     SCOPED_TRACE(point);
+    startAfresh();
     prepare(files);
     const auto oldBundle = snapshotOf(installed_), newBundle = snapshotOf(staging_ / "QOR Velmora");
     const auto running = ChildProcess::launch({.executable = "/bin/bash",
@@ -234,7 +198,7 @@ TEST_F(InstallScriptRun, AKillAtAnyPointLeavesACompleteBundleThatTheNextUpdateRe
                                                .output = OutputMode::discard,
                                                .detached = true})
                              .value();
-    ASSERT_TRUE(waitFor(reached));
+    ASSERT_TRUE(eventually(reached));
     ASSERT_TRUE(running->isRunning()) << "the point was passed while the script ran";
     kill(-running->pid(), SIGKILL);  // the script and whatever it runs
     running->waitForExit();
@@ -251,10 +215,6 @@ TEST_F(InstallScriptRun, AKillAtAnyPointLeavesACompleteBundleThatTheNextUpdateRe
     EXPECT_EQ(snapshotOf(installed_), newBundle);
     EXPECT_EQ(entriesOf(apps_), std::set<std::string>{"QOR Velmora"});
     EXPECT_PRED2(fits, "*\ncopy OK\n*] relaunched\n", readFile(log));
-    for (const auto& folder : {apps_, support_}) {
-      std::filesystem::remove_all(folder), std::filesystem::create_directories(folder);
-    }
-    std::filesystem::remove(started_);
   }
 }
 

@@ -17,6 +17,7 @@
 #include "base/child_process.h"
 #include "base/files.h"
 #include "release/signing_key.h"
+#include "support/eventually.h"
 #include "support/temporary_folder.h"
 #include "updater/updater.h"
 
@@ -81,20 +82,19 @@ class TestUI : public MainThreadQueue, public UpdaterDialogs {
     std::lock_guard lock(mutex_);
     tasks_.push_back(std::move(task));
   }
-  // Runs posted tasks until `done` holds (true) or `timeout` has passed.
-  bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 20s) {
-    for (const auto end = std::chrono::steady_clock::now() + timeout; !done();) {
-      if (std::chrono::steady_clock::now() > end) return false;
-      std::this_thread::sleep_for(5ms);
-      std::unique_lock lock(mutex_);
-      auto tasks = std::exchange(tasks_, {});
-      lock.unlock();
-      for (auto& task : tasks) task();
-    }
-    return true;
+  std::size_t pendingTasks() {
+    std::lock_guard lock(mutex_);
+    return tasks_.size();
   }
-  void pumpFor(std::chrono::milliseconds time) {
-    pumpUntil([] { return false; }, time);
+  void runPosted() {
+    std::unique_lock lock(mutex_);
+    auto tasks = std::exchange(tasks_, {});
+    lock.unlock();
+    for (auto& task : tasks) task();
+  }
+  // Runs posted tasks until `done` holds (true) or `timeout` has passed.
+  bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 30s) {
+    return eventually([&] { return runPosted(), done(); }, timeout);
   }
 
   void showAlert(const UpdateAlert& alert, AlertCompletion completion) override {
@@ -158,9 +158,19 @@ class UpdaterTest : public ::testing::Test {
                                .supportDirectory = root_ / "support",
                                .machineName = "x86_64",
                                .clockSpeed = 10.0,
-                               .trustedKeys = {signingKey_.publicKey()}};
+                               .trustedKeys = {signingKey_.publicKey()},
+                               .diagnostics = [lines = diagnostics_](const std::string& line) {
+                                 std::lock_guard lock(lines->mutex);
+                                 lines->lines.push_back(line);
+                               }};
     if (change) change(settings);
     return std::make_shared<Updater>(ui_, ui_, settings);
+  }
+
+  // The lines every updater made here wrote, from any thread.
+  std::vector<std::string> diagnostics() const {
+    std::lock_guard lock(diagnostics_->mutex);
+    return diagnostics_->lines;
   }
 
   std::string url(const std::string& path) const { return "https://" + host_ + path; }
@@ -220,6 +230,12 @@ class UpdaterTest : public ::testing::Test {
   std::shared_ptr<TestUI> ui_ = std::make_shared<TestUI>();
   const SigningKey signingKey_ = SigningKey::generate().value();
   std::shared_ptr<ChildProcess> server_;
+  // Shared with the updaters' threads, which may outlive the test.
+  struct Lines {
+    std::mutex mutex;
+    std::vector<std::string> lines;
+  };
+  const std::shared_ptr<Lines> diagnostics_ = std::make_shared<Lines>();
 };
 
 }  // namespace qor::testing
