@@ -1,10 +1,7 @@
-// Healing instead of giving up: a gateway that answers late, a crash while the
-// page shows, the exits of replaced gateways, a damaged runtime, a backup that
-// cannot be made and the leftovers of an interrupted one.
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+// Healing instead of giving up: a damaged runtime, a backup that cannot be
+// made and the leftovers of an interrupted one. (A gateway that answers late,
+// a crash under the page and the exits of replaced gateways are seen through
+// the window, with real timings.)
 #include <csignal>
 #include <ctime>
 #include <fstream>
@@ -18,17 +15,6 @@ namespace qor::testing {
 namespace {
 
 using Recovery = SidecarTest;
-
-// A listener that never answers, as another program holding the port would.
-int holdPort(int port) {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{
-      .sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(INADDR_LOOPBACK)}};
-  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 8) != 0) {
-    throw std::runtime_error("cannot hold port " + std::to_string(port));
-  }
-  return fd;
-}
 
 std::vector<std::string> namesIn(const fs::path& folder) {
   std::vector<std::string> names;
@@ -55,61 +41,6 @@ std::optional<pid_t> childRunning(pid_t parent, const std::string& command) {
     }
   }
   return std::nullopt;
-}
-
-TEST_F(Recovery, GatewayAnsweringAfterTheTimeOutGetsItsPageWithoutFurtherTexts) {
-  developerMode();
-  configureGateway({});
-  const int held = holdPort(gatewayPort);  // each launch fails until the port is free
-  const auto manager = makeManager(10);
-  manager->maxBootSeconds = 3;
-  manager->start();
-  const std::string timeOut =
-      "Sidecar did not become ready within 3s. Check logs in Application Support.";
-  ASSERT_TRUE(eventually([&] {
-    const auto statuses = record().statuses;
-    return !statuses.empty() && statuses.back() == timeOut;
-  }));
-  EXPECT_TRUE(record().ready.empty());
-
-  close(held);
-  ASSERT_TRUE(eventually([&] { return !record().ready.empty(); })) << record().diagnostics;
-  EXPECT_EQ(record().ready, std::vector{"http://127.0.0.1:" + std::to_string(gatewayPort) + "/"});
-  EXPECT_EQ(record().statuses.back(), timeOut) << "a status text after the time-out";
-  EXPECT_GT(launches().size(), 1u);
-  EXPECT_EQ(manager->restartAttempts(), 0) << "a ready gateway resets the count";
-}
-
-TEST_F(Recovery, CrashWhileThePageShowsReloadsItOnceTheNewGatewayAnswers) {
-  developerMode();
-  configureGateway({});
-  const auto manager = makeManager(10);
-  manager->start();
-  ASSERT_TRUE(eventually([&] { return record().ready.size() == 1; }));
-  const auto statuses = record().statuses;
-
-  manager->process()->kill();
-  ASSERT_TRUE(eventually([&] { return record().ready.size() == 2; })) << record().diagnostics;
-  EXPECT_EQ(record().ready[1], record().ready[0]);
-  EXPECT_EQ(launches().size(), 2u);
-  EXPECT_EQ(manager->restartAttempts(), 1) << "the reload is no readiness wait";
-  EXPECT_EQ(record().statuses, statuses) << "the reload is quiet";
-}
-
-TEST_F(Recovery, ReplacedGatewaysExitWithoutRelaunches) {
-  developerMode();
-  configureGateway({{"version", "0.7.0"}});  // every gateway reports another version
-  const auto manager = makeManager(10);
-  manager->start();
-  ASSERT_TRUE(eventually([&] { return !record().ready.empty(); })) << record().diagnostics;
-  // Once the replaced ones are gone the manager has handled their exits: a relaunch would count.
-  ASSERT_EQ(launches().size(), 3u) << record().diagnostics;
-  for (const auto& replaced : {launches()[0], launches()[1]}) {
-    EXPECT_TRUE(eventually([&] { return kill(replaced["pid"].get<pid_t>(), 0) != 0; }));
-  }
-  EXPECT_EQ(record().ready.size(), 1u);
-  EXPECT_EQ(manager->restartAttempts(), 0);
-  EXPECT_TRUE(manager->process()->isRunning());
 }
 
 TEST_F(Recovery, RuntimeMissingItsInterpreterOrGatewayIsUnpackedAgainWithABackup) {

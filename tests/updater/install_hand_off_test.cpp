@@ -122,29 +122,25 @@ TEST_F(UpdaterTest, HandOffReplacesTheBundleOnlyAfterTheApplicationHasQuit) {
   EXPECT_FALSE(std::filesystem::exists(root_ / "support" / "QOR Velmora" / "update-failed"));
 }
 
-TEST_F(UpdaterTest, AFailedInstallIsToldOnceAndItsVersionIsNotOfferedAgainAutomatically) {
+// A failed install is told once at the next start, whose automatic check then passes over that
+// version while the menu's check still offers it (seen through the window); the automatic check
+// of the start after offers it again.
+TEST_F(UpdaterTest, AFailedInstallIsToldOnceAndItsVersionOfferedAgainAtTheStartAfter) {
   const auto folder = root_ / "support" / "QOR Velmora";
   writeFile(folder / "update-failed", "1.1.0\n");
   publishUpdate({{"linux-x64", publishImage("next")}});
   ui_->answer = 1;  // "稍后" whenever the update is offered
-  const auto updater = makeUpdater();
-  updater->scheduleAutomaticCheck();
-  ASSERT_EQ(ui_->alerts.size(), 1u);
-  EXPECT_EQ(ui_->alerts[0], "更新失败|无法安装更新 1.1.0，已保留当前版本 1.0.0。\n详细原因见 " +
-                                (folder / "update.log").string() + "。|好");
+  const auto next = makeUpdater(), after = makeUpdater();
+  next->scheduleAutomaticCheck();
+  EXPECT_EQ(ui_->alerts, std::vector<std::string>{
+                             "更新失败|无法安装更新 1.1.0，已保留当前版本 1.0.0。\n详细原因见 " +
+                             (folder / "update.log").string() + "。|好"});
   EXPECT_FALSE(std::filesystem::exists(folder / "update-failed"));
-  // The automatic check reads the manifest and says nothing of 1.1.0 ...
-  ASSERT_TRUE(ui_->pumpUntil([&] { return updater->manifest().has_value(); }));
-  EXPECT_EQ(ui_->alerts.size(), 1u);
-  // ... while the menu's check still offers it,
-  updater->checkForUpdates();
+  ASSERT_TRUE(ui_->pumpUntil([&] { return next->manifest().has_value(); }));
+  EXPECT_EQ(diagnostics().back(), "not offering 1.1.0 again: its install failed");
+  after->scheduleAutomaticCheck();
   ASSERT_TRUE(ui_->pumpUntil([&] { return ui_->alerts.size() == 2; }));
   EXPECT_PRED2(fits, "发现新版本 1.1.0|*", ui_->alerts[1]);
-  // and so does the automatic check of the next start, which tells nothing more.
-  const auto next = makeUpdater();
-  next->scheduleAutomaticCheck();
-  ASSERT_TRUE(ui_->pumpUntil([&] { return ui_->alerts.size() == 3; }));
-  EXPECT_PRED2(fits, "发现新版本 1.1.0|*", ui_->alerts[2]);
 }
 
 }  // namespace

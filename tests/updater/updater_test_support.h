@@ -208,9 +208,9 @@ class UpdaterTest : public ::testing::Test {
             {"size", std::filesystem::file_size(archive)}};
   }
 
-  // Publishes 1.1.0 for `platforms`, with the manifest's signature.
-  void publishUpdate(const json& platforms) const {
-    const auto manifest = json{{"version", "1.1.0"}, {"platforms", platforms}}.dump();
+  // Publishes `version` for `platforms`, with the manifest's signature.
+  void publishUpdate(const json& platforms, const std::string& version = "1.1.0") const {
+    const auto manifest = json{{"version", version}, {"platforms", platforms}}.dump();
     writeFile(root_ / "qor" / "latest.json", manifest);
     writeFile(root_ / "qor" / "latest.json.sig", signingKey_.signatureFor(manifest));
   }
