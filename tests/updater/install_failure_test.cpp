@@ -52,23 +52,18 @@ class InstallScriptRun : public ::testing::Test {
     std::filesystem::create_directories(support_);
   }
 
-  // A bundle of `version` with `files` small files and the exchange tool; its program appends its
-  // version to root_/started.
+  // A bundle of `version` with `files` small files; its program appends its version to
+  // root_/started.
   void makeBundle(const std::filesystem::path& bundle, const std::string& version,
                   int files = 3) const {
-    writeFile(bundle / "share" / "qor-velmora" / "APP_VERSION", version + "\n");
+    qor::testing::makeBundle(
+        bundle, version,
+        "cat \"${0%/*}/../share/qor-velmora/APP_VERSION\" >> " + shellQuoted(started_));
     for (int i = 0; i < files; ++i) {
       writeFile(bundle / "share" / "data" / std::to_string(i),
                 version + std::string(100, 'a' + i % 26));
     }
     std::filesystem::create_directory_symlink("data", bundle / "share" / "link");
-    const auto program = bundle / "bin" / "qor-velmora";
-    writeFile(program, "#!/bin/sh\ncat \"${0%/*}/../share/qor-velmora/APP_VERSION\" >> " +
-                           shellQuoted(started_) + "\n");
-    std::filesystem::permissions(program, std::filesystem::perms(0755));
-    const auto tool = bundle / "lib" / "qor-velmora" / "qor-exchange";
-    std::filesystem::create_directories(tool.parent_path());
-    std::filesystem::copy_file(EXCHANGE_TOOL, tool);
   }
 
   // The installed 1.0.0, and 1.1.0 extracted into the staging folder.
@@ -160,7 +155,7 @@ TEST_F(InstallScriptRun, AFailedInstallKeepsTheInstalledBundleAndLeavesTheVersio
     run(script, c.user);
 
     EXPECT_EQ(snapshotOf(installed_), before);
-    EXPECT_EQ(entriesOf(apps_), std::set<std::string>{"QOR Velmora"}) << "no copy left";
+    EXPECT_EQ(namesIn(apps_), std::vector<std::string>{"QOR Velmora"}) << "no copy left";
     EXPECT_PRED2(fits,
                  "*] updating */QOR Velmora -> " + installed_.string() +
                      "\n*copy FAILED: " + c.reason + "\n*] relaunched\n",
@@ -213,7 +208,7 @@ TEST_F(InstallScriptRun, AKillAtAnyPointLeavesACompleteBundleThatTheNextUpdateRe
     makeBundle(staging_ / "QOR Velmora", "1.1.0", files);
     run(script());
     EXPECT_EQ(snapshotOf(installed_), newBundle);
-    EXPECT_EQ(entriesOf(apps_), std::set<std::string>{"QOR Velmora"});
+    EXPECT_EQ(namesIn(apps_), std::vector<std::string>{"QOR Velmora"});
     EXPECT_PRED2(fits, "*\ncopy OK\n*] relaunched\n", readFile(log));
   }
 }

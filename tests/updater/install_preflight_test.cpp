@@ -40,7 +40,7 @@ TEST_F(UpdaterTest, APackageManagedBundleIsLeftToThePackageManagerAndToldOncePer
   EXPECT_EQ(passedOver(), 1);
   EXPECT_EQ(readFile(notice), "1.2.0\n");
   EXPECT_TRUE(ui_->progress.empty());
-  EXPECT_TRUE(entriesOf(temporary_).empty());
+  EXPECT_TRUE(namesIn(temporary_).empty());
 }
 
 TEST_F(UpdaterTest, ADiskWithoutRoomForTheCopyIsReportedBeforeDownloading) {
@@ -60,7 +60,7 @@ TEST_F(UpdaterTest, ADiskWithoutRoomForTheCopyIsReportedBeforeDownloading) {
                    " 所在磁盘只有 3[12] MB 可用。|好",
                ui_->alerts[1]);
   EXPECT_TRUE(ui_->progress.empty());
-  EXPECT_TRUE(entriesOf(temporary_).empty());
+  EXPECT_TRUE(namesIn(temporary_).empty());
 }
 
 }  // namespace
