@@ -18,7 +18,8 @@ namespace qor::testing {
 inline std::vector<std::string> namesIn(const std::filesystem::path& folder) {
   std::vector<std::string> names;
   std::error_code ec;
-  for (std::filesystem::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+  for (std::filesystem::directory_iterator it(folder, ec), end; !ec && it != end;
+       it.increment(ec)) {
     names.push_back(it->path().filename());
   }
   std::ranges::sort(names);

@@ -1,15 +1,19 @@
-// The release tool with real update images made by tar: what it writes is
-// what the updater's own decoder reads, and inconsistent input is refused
+// The release tool with real update images made by tar and packages made by
+// dpkg-deb: what it writes is what the updater's own decoder and signature
+// check accept, and inconsistent input or a key that cannot sign is refused
 // without touching the output.
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <vector>
 #include <variant>
 
 #include "base/child_process.h"
 #include "base/files.h"
+#include "base/text.h"
 #include "release/release_manifest.h"
 #include "support/temporary_folder.h"
+#include "updater/manifest_signature.h"
 
 namespace qor {
 namespace {
@@ -64,6 +68,21 @@ class ReleaseTool : public ::testing::Test {
     return {folderUrl + image.filename().string(), sum ? sum->output.substr(0, 64) : "",
             static_cast<std::int64_t>(fs::file_size(image))};
   }
+
+  // `program` run in the folder, and what it printed.
+  ChildProcess::CapturedRun run(std::vector<std::string> arguments,
+                                const fs::path& program = QOR_RELEASE) const {
+    const auto ran = ChildProcess::runCapturingOutput(
+        {.executable = program, .arguments = std::move(arguments), .workingDirectory = folder});
+    EXPECT_TRUE(ran);
+    return ran ? *ran : ChildProcess::CapturedRun{-1, ""};
+  }
+  ChildProcess::CapturedRun sign(const fs::path& image, const std::string& key,
+                                 const std::string& output) const {
+    return run({"--version", "1.1.0", "--base-url", "https://u.example/qor/", "--signing-key", key,
+                "--output", output, image});
+  }
+  std::string read(const fs::path& file) const { return readTextFile(folder / file).value_or(""); }
 };
 
 TEST_F(ReleaseTool, WritesAManifestTheUpdaterDecodes) {
@@ -216,22 +235,94 @@ TEST_F(ReleaseTool, CommandLine) {
            ": named for version 1.1.0, but the release is version 1.2.0\n"},
   };
   for (const auto& [arguments, status, output] : runs) {
-    const auto ran = ChildProcess::runCapturingOutput(
-        {.executable = QOR_RELEASE, .arguments = arguments, .workingDirectory = folder});
-    ASSERT_TRUE(ran) << output;
-    EXPECT_EQ(ran->status, status) << ran->output;
+    const auto ran = run(arguments);
+    EXPECT_EQ(ran.status, status) << ran.output;
     if (status == 0) {
-      EXPECT_TRUE(ran->output.starts_with(output)) << ran->output;
+      EXPECT_TRUE(ran.output.starts_with(output)) << ran.output;
     } else {
-      EXPECT_EQ(ran->output, output);  // one line
+      EXPECT_EQ(ran.output, output);  // one line
     }
   }
-  const auto manifest = decodeManifest(readTextFile(folder / "latest.json").value_or(""));
+  const auto manifest = decodeManifest(read("latest.json"));
   ASSERT_TRUE(manifest);
   EXPECT_EQ(manifest->version, "1.1.0");
   EXPECT_EQ(manifest->notes, "修复");
   EXPECT_EQ(manifest->minVersion, "1.0.0");
   EXPECT_EQ(manifest->platforms.at("linux-x64"), assetOf(image, "https://u.example/qor/"));
+}
+
+TEST_F(ReleaseTool, KeygenSignAndTheUpdaterAccepts) {
+  const auto image = makeImage("QOR-Velmora-1.1.0-linux-x64.tar.gz", "1.1.0\n");
+  const auto made = run({"keygen", "--public-key", "pub.txt", "--private-key", "private.pem"});
+  ASSERT_EQ(made.status, 0) << made.output;
+  const auto publicKey = trimmed(read("pub.txt"));
+  EXPECT_EQ(made.output,
+            "Wrote the private key private.pem (keep it secret) and the public "
+            "key pub.txt:\n  " +
+                publicKey + "\n");
+  EXPECT_EQ(fs::status(folder / "private.pem").permissions() & fs::perms::all,
+            fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(base64Decode(publicKey).value_or("").size(), ed25519PublicKeySize);
+
+  // A second pair does not replace the first, nor leaves half a pair.
+  for (const auto& [privateKey, publicFile] :
+       {std::pair("private.pem", "other.txt"), std::pair("other.pem", "pub.txt")}) {
+    const auto again = run({"keygen", "--private-key", privateKey, "--public-key", publicFile});
+    EXPECT_EQ(again.status, 1) << again.output;
+    EXPECT_FALSE(fs::exists(folder / "other.pem") || fs::exists(folder / "other.txt"));
+  }
+  EXPECT_EQ(trimmed(read("pub.txt")), publicKey);
+  for (const std::vector<std::string>& wrong :
+       {std::vector<std::string>{"keygen", "--private-key", "x.pem"},
+        {"keygen", "--private-key", "x.pem", "--private-key", "y.pem"},
+        {"keygen", "--private-key", "x.pem", "--public", "y.pub"}}) {
+    EXPECT_EQ(run(wrong).status, 2);
+  }
+  EXPECT_FALSE(fs::exists(folder / "x.pem"));
+
+  const auto signed_ = sign(image, "private.pem", "latest.json");
+  ASSERT_EQ(signed_.status, 0) << signed_.output;
+  EXPECT_TRUE(signed_.output.starts_with("Wrote latest.json and its signature for version 1.1.0"));
+  EXPECT_TRUE(verifyManifestSignature(read("latest.json"), read("latest.json.sig"), {publicKey}));
+  // A key made by openssl itself serves as well.
+  ASSERT_EQ(run({"genpkey", "-algorithm", "ed25519", "-out", "o.pem"}, "/usr/bin/openssl").status,
+            0);
+  ASSERT_EQ(sign(image, "o.pem", "latest.json").status, 0);
+  EXPECT_FALSE(verifyManifestSignature(read("latest.json"), read("latest.json.sig"), {publicKey}));
+}
+
+TEST_F(ReleaseTool, KeyFilesThatCannotSignWriteNothing) {
+  const auto image = makeImage("QOR-Velmora-1.1.0-linux-x64.tar.gz", "1.1.0\n");
+  ASSERT_TRUE(writeFileAtomically(folder / "latest.json", "the previous release"));
+  ASSERT_TRUE(writeFileAtomically(folder / "latest.json.sig", "its signature"));
+  ASSERT_EQ(run({"keygen", "--private-key", "k.pem", "--public-key", "k.pub"}).status, 0);
+  ASSERT_EQ(run({"genpkey", "-algorithm", "EC", "-pkeyopt",
+                                     "ec_paramgen_curve:prime256v1", "-out", "ec.pem"}, "/usr/bin/openssl")
+                .status,
+            0);
+  ASSERT_EQ(run({"genpkey", "-algorithm", "ed25519", "-aes-128-cbc", "-pass",
+                                     "pass:secret", "-out", "locked.pem"}, "/usr/bin/openssl")
+                .status,
+            0);
+  fs::create_directories(folder / "folder.pem");
+  const std::pair<std::string, std::string> cases[] = {
+      {"missing.pem", "is not a file"},
+      {"folder.pem", "is not a file"},
+      {"k.pub", "is not an Ed25519 private key in PEM"},
+      {"ec.pem", "is not an Ed25519 private key in PEM"},
+      {"locked.pem", "is not an Ed25519 private key in PEM"},
+  };
+  const auto before = std::distance(fs::directory_iterator(folder), {});
+  for (const auto& [key, why] : cases) {
+    for (const auto* output : {"latest.json", "new.json"}) {
+      const auto refused = sign(image, key, output);
+      EXPECT_EQ(refused.status, 1);
+      EXPECT_EQ(refused.output, "qor-release: the signing key " + key + " " + why + "\n");
+    }
+  }
+  EXPECT_EQ(read("latest.json"), "the previous release");
+  EXPECT_EQ(read("latest.json.sig"), "its signature");
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder), {}), before);
 }
 
 }  // namespace
