@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <vector>
 #include <variant>
+#include <vector>
 
 #include "base/child_process.h"
 #include "base/files.h"
@@ -296,12 +296,14 @@ TEST_F(ReleaseTool, KeyFilesThatCannotSignWriteNothing) {
   ASSERT_TRUE(writeFileAtomically(folder / "latest.json", "the previous release"));
   ASSERT_TRUE(writeFileAtomically(folder / "latest.json.sig", "its signature"));
   ASSERT_EQ(run({"keygen", "--private-key", "k.pem", "--public-key", "k.pub"}).status, 0);
-  ASSERT_EQ(run({"genpkey", "-algorithm", "EC", "-pkeyopt",
-                                     "ec_paramgen_curve:prime256v1", "-out", "ec.pem"}, "/usr/bin/openssl")
+  ASSERT_EQ(run({"genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-out",
+                 "ec.pem"},
+                "/usr/bin/openssl")
                 .status,
             0);
-  ASSERT_EQ(run({"genpkey", "-algorithm", "ed25519", "-aes-128-cbc", "-pass",
-                                     "pass:secret", "-out", "locked.pem"}, "/usr/bin/openssl")
+  ASSERT_EQ(run({"genpkey", "-algorithm", "ed25519", "-aes-128-cbc", "-pass", "pass:secret", "-out",
+                 "locked.pem"},
+                "/usr/bin/openssl")
                 .status,
             0);
   fs::create_directories(folder / "folder.pem");

@@ -34,15 +34,8 @@ std::map<std::string, std::string> snapshotOf(const std::filesystem::path& folde
 class InstallScriptRun : public ::testing::Test {
  protected:
   void SetUp() override {
-    apps_ = root_ / "apps";
-    installed_ = apps_ / "QOR Velmora";
-    staging_ = root_ / "staging";
-    image_ = root_ / "qor-update-1.tar.gz";
-    support_ = root_ / "support";
-    started_ = root_ / "started";
     // Open to the unprivileged user some cases run the script as.
     std::filesystem::permissions(root_, std::filesystem::perms(0755));
-    startAfresh();
   }
   void startAfresh() const {
     for (const auto& entry : std::filesystem::directory_iterator(root_)) {
@@ -110,12 +103,12 @@ class InstallScriptRun : public ::testing::Test {
 
   const TemporaryFolder folder_{"qor-install"};
   const std::filesystem::path root_ = folder_.path();
-  std::filesystem::path apps_;       // the folder the bundle is installed in
-  std::filesystem::path installed_;  // the installed bundle
-  std::filesystem::path staging_;    // the folder the image was extracted into
-  std::filesystem::path image_;
-  std::filesystem::path support_;  // update.log and the failure mark
-  std::filesystem::path started_;  // each started program's version
+  const std::filesystem::path apps_ = root_ / "apps";  // the folder the bundle is installed in
+  const std::filesystem::path installed_ = apps_ / "QOR Velmora";
+  const std::filesystem::path staging_ = root_ / "staging";  // the image, extracted
+  const std::filesystem::path image_ = root_ / "qor-update-1.tar.gz";
+  const std::filesystem::path support_ = root_ / "support";  // update.log and the failure mark
+  const std::filesystem::path started_ = root_ / "started";  // each started program's version
 };
 
 TEST_F(InstallScriptRun, AFailedInstallKeepsTheInstalledBundleAndLeavesTheVersionForTheNextStart) {
