@@ -78,7 +78,8 @@ TEST_F(UpdaterTest, CheckOutcomesForTheUserAndOnlyOffersWhenSilent) {
 // A build without an update server asks nobody, and says nothing about it: an updater with
 // one, started after it, has its say first.
 TEST_F(UpdaterTest, WithoutAnUpdateServerNoCheckRuns) {
-  const auto unconfigured = makeUpdater([](auto&s) { s.host.clear(); }), configured = makeUpdater();
+  const auto unconfigured = makeUpdater([](auto& s) { s.host.clear(); });
+  const auto configured = makeUpdater();
   EXPECT_FALSE(unconfigured->updatesConfigured());
   EXPECT_TRUE(configured->updatesConfigured());
   for (const auto& updater : {unconfigured, configured}) {
