@@ -31,13 +31,6 @@ Error mismatch(const std::filesystem::path& image, const std::string& descriptio
   return Error{releaseErrorDomain, releaseMismatch, image.string() + ": " + description};
 }
 
-// Decimal numbers joined by dots, each small enough for the updater's
-// 64-bit pieces: a version the updater orders as it reads.
-bool isReleaseVersion(const std::string& text) {
-  static const std::regex pattern(R"([0-9]{1,18}(\.[0-9]{1,18})*)");
-  return std::regex_match(text, pattern);
-}
-
 // The keys installed applications ask for, one per machine they run on.
 std::vector<std::string> knownPlatformKeys() {
   std::vector<std::string> keys;
@@ -57,11 +50,11 @@ bool isDebianPackage(const std::filesystem::path& file) {
 }
 
 Result<> checkRequest(const ReleaseRequest& request) {
-  if (!isReleaseVersion(request.version)) {
+  if (!isPlainVersion(request.version)) {
     return badArgument("the version \"" + request.version + "\" is not a version such as 1.1.0");
   }
   if (request.minVersion) {
-    if (!isReleaseVersion(*request.minVersion)) {
+    if (!isPlainVersion(*request.minVersion)) {
       return badArgument("the minimum version \"" + *request.minVersion +
                          "\" is not a version such as 1.0.0");
     }

@@ -1,7 +1,8 @@
 // The update manifest ("latest.json" on the update server), the records it
 // decodes into and its encoding for publishing. Decoding is strict about
-// types and lenient about unknown keys; values are not checked further here
-// (an empty url or a short sha256 fail later, in their own steps).
+// types and lenient about unknown keys; of the values only the version is
+// checked here, which must be a plain dotted one (an empty url or a short
+// sha256 fail later, in their own steps).
 //
 // Threads: plain values and a pure function; any thread.
 #pragma once

@@ -56,6 +56,20 @@ bool isNewer(std::string_view candidate, std::string_view reference) {
   return false;
 }
 
+bool isPlainVersion(std::string_view text) {
+  size_t start = 0;
+  for (;;) {
+    const size_t dot = std::min(text.find('.', start), text.size());
+    const auto piece = text.substr(start, dot - start);
+    if (piece.empty() || piece.size() > 18 ||
+        !std::all_of(piece.begin(), piece.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+      return false;
+    }
+    if (dot == text.size()) return true;
+    start = dot + 1;
+  }
+}
+
 bool isForcedUpdate(const std::optional<std::string>& minVersion, std::string_view currentVersion) {
   return minVersion && isNewer(*minVersion, currentVersion);
 }

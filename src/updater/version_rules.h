@@ -19,6 +19,11 @@ namespace qor {
 // is newer than "1.9", and "2.0.0-rc1" equals "2.0.0".
 bool isNewer(std::string_view candidate, std::string_view reference);
 
+// Whether `text` is a plain dotted version such as "1.10.2", the only kind a
+// release carries: pieces of 1 to 18 decimal digits joined by single dots,
+// with no sign, blank, suffix or other character.
+bool isPlainVersion(std::string_view text);
+
 // Whether an update that has been found newer must be taken: the running
 // version is strictly below `minVersion`.
 bool isForcedUpdate(const std::optional<std::string>& minVersion, std::string_view currentVersion);

@@ -12,14 +12,6 @@
 
 namespace qor::testing {
 
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-  for (const auto deadline = Clock::now() + timeout; !condition();) {
-    if (Clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(10ms);
-  }
-  return true;
-}
-
 int freePort() {
   static std::set<int> given;
   for (;;) {

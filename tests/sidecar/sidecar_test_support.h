@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "sidecar/sidecar_manager.h"
+#include "support/eventually.h"
 #include "support/temporary_folder.h"
 
 namespace qor::testing {
@@ -21,7 +22,6 @@ namespace fs = std::filesystem;
 
 inline const std::string shippedVersion = "0.8.0";
 
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 30s);
 int freePort();  // never the same one twice
 std::vector<std::string> linesOf(const fs::path& file);
 

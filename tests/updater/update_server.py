@@ -6,7 +6,8 @@ a certificate it signed for 127.0.0.1 and localhost, and writes the port to
 FOLDER/port. FOLDER/routes.json, read for every request, changes single paths:
 {"/a": {"status": 500, "body": "x"}}; "chunk" and "interval" send the body in
 pieces with pauses; "delay" waits before answering; "close" hangs up; "redirect"
-answers 302 to that address.
+answers 302 to that address. A client that hangs up during a body is noted in
+FOLDER/hung-up, one path a line.
 """
 import json, pathlib, ssl, subprocess, sys, time
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
@@ -39,10 +40,15 @@ class Handler(BaseHTTPRequestHandler):
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
         chunk = route.get("chunk", len(body) or 1)
-        for start in range(0, len(body), chunk):
-            self.wfile.write(body[start : start + chunk])
-            self.wfile.flush()
-            time.sleep(route.get("interval", 0))
+        try:
+            for start in range(0, len(body), chunk):
+                self.wfile.write(body[start : start + chunk])
+                self.wfile.flush()
+                time.sleep(route.get("interval", 0))
+        except OSError:
+            self.close_connection = True
+            with open(FOLDER / "hung-up", "a") as f:
+                f.write(self.path + "\n")
 
 
 def main():

@@ -10,13 +10,13 @@
 #include <fstream>
 #include <mutex>
 #include <nlohmann/json.hpp>
-#include <set>
-#include <sstream>
 #include <thread>
 
 #include "base/child_process.h"
 #include "base/files.h"
 #include "release/signing_key.h"
+#include "support/eventually.h"
+#include "support/listings.h"
 #include "support/temporary_folder.h"
 #include "updater/updater.h"
 
@@ -34,11 +34,16 @@ inline void writeFile(const std::filesystem::path& file, std::string_view conten
   std::ofstream(file, std::ios::binary) << contents;
 }
 
-inline std::set<std::string> entriesOf(const std::filesystem::path& folder) {
-  std::set<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(folder))
-    names.insert(entry.path().filename());
-  return names;
+// A bundle of `version` at `folder` with the exchange tool; its program runs `program`.
+inline void makeBundle(const std::filesystem::path& folder, const std::string& version,
+                       const std::string& program = "echo started > \"${0%/*}/../started\"") {
+  writeFile(folder / "share" / "qor-velmora" / "APP_VERSION", version + "\n");
+  writeFile(folder / "bin" / "qor-velmora", "#!/bin/sh\n" + program + "\n");
+  std::filesystem::permissions(folder / "bin" / "qor-velmora", std::filesystem::perms(0755));
+  const auto tool = folder / "lib" / "qor-velmora" / "qor-exchange";
+  std::filesystem::create_directories(tool.parent_path());
+  std::filesystem::copy_file(EXCHANGE_TOOL, tool,
+                             std::filesystem::copy_options::overwrite_existing);
 }
 
 // Whether `text` fits `pattern`, in which "*" stands for any text.
@@ -49,22 +54,14 @@ inline bool fits(const std::string& pattern, const std::string& text) {
 // Whether the install script at `script` has found the application running and waits for it
 // to exit: the script's shell has a `sleep` of its own.
 inline bool scriptWaitsForTheApplication(const std::filesystem::path& script) {
-  std::set<std::string> shells, sleepParents;
-  std::error_code ec;
-  for (std::filesystem::directory_iterator it("/proc", ec), end; !ec && it != end;
-       it.increment(ec)) {
-    const auto pid = it->path().filename().string();
-    if (pid.find_first_not_of("0123456789") != std::string::npos) continue;
-    using namespace std::string_literals;
-    if (readFile(it->path() / "cmdline") == "/bin/bash\0"s + script.string() + '\0') {
-      shells.insert(pid);
-    }
-    std::istringstream stat(readFile(it->path() / "stat"));
-    std::string id, name, state, parent;
-    if (stat >> id >> name >> state >> parent && name == "(sleep)") sleepParents.insert(parent);
-  }
-  return std::ranges::any_of(shells,
-                             [&](const auto& shell) { return sleepParents.contains(shell); });
+  using namespace std::string_literals;
+  const auto processes = runningProcesses();
+  return std::ranges::any_of(processes, [&](const RunningProcess& shell) {
+    return shell.commandLine == "/bin/bash\0"s + script.string() + '\0' &&
+           std::ranges::any_of(processes, [&](const RunningProcess& process) {
+             return process.parent == shell.pid && process.name == "sleep";
+           });
+  });
 }
 
 // The UI thread (the test's own: posted tasks run when the test pumps) and
@@ -81,20 +78,19 @@ class TestUI : public MainThreadQueue, public UpdaterDialogs {
     std::lock_guard lock(mutex_);
     tasks_.push_back(std::move(task));
   }
-  // Runs posted tasks until `done` holds (true) or `timeout` has passed.
-  bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 20s) {
-    for (const auto end = std::chrono::steady_clock::now() + timeout; !done();) {
-      if (std::chrono::steady_clock::now() > end) return false;
-      std::this_thread::sleep_for(5ms);
-      std::unique_lock lock(mutex_);
-      auto tasks = std::exchange(tasks_, {});
-      lock.unlock();
-      for (auto& task : tasks) task();
-    }
-    return true;
+  std::size_t pendingTasks() {
+    std::lock_guard lock(mutex_);
+    return tasks_.size();
   }
-  void pumpFor(std::chrono::milliseconds time) {
-    pumpUntil([] { return false; }, time);
+  void runPosted() {
+    std::unique_lock lock(mutex_);
+    auto tasks = std::exchange(tasks_, {});
+    lock.unlock();
+    for (auto& task : tasks) task();
+  }
+  // Runs posted tasks until `done` holds (true) or `timeout` has passed.
+  bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 30s) {
+    return eventually([&] { return runPosted(), done(); }, timeout);
   }
 
   void showAlert(const UpdateAlert& alert, AlertCompletion completion) override {
@@ -136,9 +132,7 @@ class UpdaterTest : public ::testing::Test {
     temporary_ = root_ / "tmp dir's";
     bundle_ = root_ / "user's apps" / "QOR Velmora";
     std::filesystem::create_directories(temporary_);
-    writeFile(bundle_ / "share" / "qor-velmora" / "APP_VERSION", "1.0.0\n");
-    std::filesystem::create_directories(bundle_ / "lib" / "qor-velmora");
-    std::filesystem::copy_file(EXCHANGE_TOOL, bundle_ / "lib" / "qor-velmora" / "qor-exchange");
+    makeBundle(bundle_, "1.0.0");
     server_ = ChildProcess::launch({.executable = "/usr/bin/python3",
                                     .arguments = {UPDATE_SERVER_SCRIPT, root_},
                                     .output = OutputMode::discard})
@@ -158,9 +152,19 @@ class UpdaterTest : public ::testing::Test {
                                .supportDirectory = root_ / "support",
                                .machineName = "x86_64",
                                .clockSpeed = 10.0,
-                               .trustedKeys = {signingKey_.publicKey()}};
+                               .trustedKeys = {signingKey_.publicKey()},
+                               .diagnostics = [lines = diagnostics_](const std::string& line) {
+                                 std::lock_guard lock(lines->mutex);
+                                 lines->lines.push_back(line);
+                               }};
     if (change) change(settings);
     return std::make_shared<Updater>(ui_, ui_, settings);
+  }
+
+  // The lines every updater made here wrote, from any thread.
+  std::vector<std::string> diagnostics() const {
+    std::lock_guard lock(diagnostics_->mutex);
+    return diagnostics_->lines;
   }
 
   std::string url(const std::string& path) const { return "https://" + host_ + path; }
@@ -181,13 +185,7 @@ class UpdaterTest : public ::testing::Test {
   json publishImage(const std::string& name, const std::string& folder = "QOR Velmora",
                     const std::string& bytes = "") const {
     const auto build = root_ / name, archive = root_ / (name + ".tar.gz");
-    const auto program = build / folder / "bin" / "qor-velmora";
-    writeFile(build / folder / "share" / "qor-velmora" / "APP_VERSION", "1.1.0\n");
-    writeFile(program, "#!/bin/sh\necho started > \"${0%/*}/../started\"\n");
-    std::filesystem::permissions(program, std::filesystem::perms(0755));
-    const auto tool = build / folder / "lib" / "qor-velmora" / "qor-exchange";
-    std::filesystem::create_directories(tool.parent_path());
-    std::filesystem::copy_file(EXCHANGE_TOOL, tool, std::filesystem::copy_options::skip_existing);
+    makeBundle(build / folder, "1.1.0");
     if (!bytes.empty()) writeFile(archive, bytes);
     const auto pack =
         "[ -f \"$1\" ] || tar -czf \"$1\" -C \"$2\" \"$3\" && sha256sum \"$1\" >\"$2/sum\"";
@@ -198,9 +196,9 @@ class UpdaterTest : public ::testing::Test {
             {"size", std::filesystem::file_size(archive)}};
   }
 
-  // Publishes 1.1.0 for `platforms`, with the manifest's signature.
-  void publishUpdate(const json& platforms) const {
-    const auto manifest = json{{"version", "1.1.0"}, {"platforms", platforms}}.dump();
+  // Publishes `version` for `platforms`, with the manifest's signature.
+  void publishUpdate(const json& platforms, const std::string& version = "1.1.0") const {
+    const auto manifest = json{{"version", version}, {"platforms", platforms}}.dump();
     writeFile(root_ / "qor" / "latest.json", manifest);
     writeFile(root_ / "qor" / "latest.json.sig", signingKey_.signatureFor(manifest));
   }
@@ -220,6 +218,12 @@ class UpdaterTest : public ::testing::Test {
   std::shared_ptr<TestUI> ui_ = std::make_shared<TestUI>();
   const SigningKey signingKey_ = SigningKey::generate().value();
   std::shared_ptr<ChildProcess> server_;
+  // Shared with the updaters' threads, which may outlive the test.
+  struct Lines {
+    std::mutex mutex;
+    std::vector<std::string> lines;
+  };
+  const std::shared_ptr<Lines> diagnostics_ = std::make_shared<Lines>();
 };
 
 }  // namespace qor::testing
