@@ -9,7 +9,7 @@
 #include "app/rendering_mode.h"
 
 int main(int, char** argv) {
-  qor::chooseToolkitRenderer();
+  qor::chooseRenderers();
   // The X11 window class is the program's name: the launcher's StartupWMClass
   // matches the application id. Untitled windows show the application's name.
   g_set_prgname(qor::applicationId);
