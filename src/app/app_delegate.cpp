@@ -127,27 +127,34 @@ void AppDelegate::applicationDidFinishLaunching() {
   // Loading the web engine's module holds this thread for a while, so it
   // waits until the boot screen's first frame is on screen. A window that is
   // never drawn (started minimised) must not hold up the gateway for long.
-  firstFrameHandler_ = g_signal_connect(gtk_widget_get_frame_clock(GTK_WIDGET(window_.get())),
-                                        "after-paint", G_CALLBACK(onFirstFramePainted), this);
+  frameHandler_ = g_signal_connect(gtk_widget_get_frame_clock(GTK_WIDGET(window_.get())),
+                                   "after-paint", G_CALLBACK(onFramePainted), this);
   firstFrameFallback_ = g_timeout_add(firstFrameWaitMilliseconds, onFirstFrameMissing, this);
 }
 
-void AppDelegate::onFirstFramePainted(GdkFrameClock* clock, gpointer self) {
+// Each frame shows the next status text that waits; the first one also lets
+// the start-up go on.
+void AppDelegate::onFramePainted(GdkFrameClock* clock, gpointer self) {
   auto* delegate = static_cast<AppDelegate*>(self);
-  g_signal_handler_disconnect(clock, std::exchange(delegate->firstFrameHandler_, 0));
-  g_source_remove(std::exchange(delegate->firstFrameFallback_, 0));
-  delegate->showHeldStatus();
-  // The frame reaches the display server before this thread blocks.
-  gdk_display_flush(gtk_widget_get_display(GTK_WIDGET(delegate->window_.get())));
-  g_idle_add_once([](gpointer self) { static_cast<AppDelegate*>(self)->finishLaunching(); }, self);
+  if (delegate->firstFrameFallback_) {
+    g_source_remove(std::exchange(delegate->firstFrameFallback_, 0));
+    // The frame reaches the display server before this thread blocks.
+    gdk_display_flush(gtk_widget_get_display(GTK_WIDGET(delegate->window_.get())));
+    g_idle_add_once([](gpointer self) { static_cast<AppDelegate*>(self)->finishLaunching(); },
+                    self);
+  }
+  delegate->setStatusText(delegate->statusTexts_.framePainted());
+  if (!delegate->statusTexts_.draining()) {
+    g_signal_handler_disconnect(clock, std::exchange(delegate->frameHandler_, 0));
+  }
 }
 
 gboolean AppDelegate::onFirstFrameMissing(gpointer self) {
   auto* delegate = static_cast<AppDelegate*>(self);
   delegate->firstFrameFallback_ = 0;
   g_signal_handler_disconnect(gtk_widget_get_frame_clock(GTK_WIDGET(delegate->window_.get())),
-                              std::exchange(delegate->firstFrameHandler_, 0));
-  delegate->showHeldStatus();
+                              std::exchange(delegate->frameHandler_, 0));
+  delegate->setStatusText(delegate->statusTexts_.skipFrames());
   delegate->finishLaunching();
   return G_SOURCE_REMOVE;
 }
@@ -277,19 +284,13 @@ void AppDelegate::installActions() {
                                   G_N_ELEMENTS(windowActions), this);
 }
 
-// Without a web view the label keeps saying why. Until the boot screen is on
-// screen the latest text waits, so that its first frame shows the boot text.
 void AppDelegate::showStatus(const std::string& text) {
-  if (webViewMissing_) return;
-  if (!window_ || firstFrameHandler_) {
-    heldStatus_ = text;
-    return;
-  }
-  gtk_label_set_text(bootLabel_.get(), text.c_str());
+  setStatusText(statusTexts_.arrive(text));
 }
 
-void AppDelegate::showHeldStatus() {
-  if (heldStatus_) showStatus(*std::exchange(heldStatus_, std::nullopt));
+// Without a web view the label keeps saying why.
+void AppDelegate::setStatusText(const std::optional<std::string>& text) {
+  if (text && !webViewMissing_) gtk_label_set_text(bootLabel_.get(), text->c_str());
 }
 
 // A gateway may answer before the web view is made (a window started

@@ -15,6 +15,7 @@
 #include "app/desktop_style.h"
 #include "app/glib_main_thread_queue.h"
 #include "app/gobject_ptr.h"
+#include "app/status_text_queue.h"
 #include "app/web_content.h"
 #include "sidecar/sidecar_manager.h"
 #include "updater/updater.h"
@@ -41,7 +42,7 @@ class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
   static void onShutdown(GApplication* app, gpointer self);
   static gboolean onUnixSignal(gpointer self);
   static gboolean onCloseRequest(GtkWindow* window, gpointer self);
-  static void onFirstFramePainted(GdkFrameClock* clock, gpointer self);
+  static void onFramePainted(GdkFrameClock* clock, gpointer self);
   static gboolean onFirstFrameMissing(gpointer self);
 
   // Menu actions.
@@ -65,7 +66,7 @@ class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
   void buildWebView(const Result<CreateWebContent>& module);
   void installActions();
   void showStatus(const std::string& text);
-  void showHeldStatus();
+  void setStatusText(const std::optional<std::string>& text);
   void loadGateway(const std::string& url);
 
   GtkApplication* app_ = nullptr;  // owned by main()
@@ -74,11 +75,11 @@ class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
   std::unique_ptr<WebContent> web_;  // none until made, or when the engine could not be loaded
   bool webViewMissing_ = false;      // the engine could not be loaded
   std::string pendingPageURL_;       // the gateway answered before the web view was made
-  std::optional<std::string> heldStatus_;  // the latest text before the boot screen showed
+  StatusTextQueue statusTexts_;      // on their way to the boot label
   const std::shared_ptr<GLibMainThreadQueue> mainThread_;
   const std::shared_ptr<SidecarManager> sidecar_;
   GObjectPtr<GtkLabel> bootLabel_;
-  gulong firstFrameHandler_ = 0;  // until the boot screen's first frame
+  gulong frameHandler_ = 0;  // while status texts wait for frames
   guint firstFrameFallback_ = 0;
   // Made with the window it shows its dialogs over; goes before the window.
   std::shared_ptr<Updater> updater_;
