@@ -1,6 +1,7 @@
 #include "app/app_delegate.h"
 
 #include <glib-unix.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <csignal>
@@ -90,11 +91,9 @@ gboolean AppDelegate::onCloseRequest(GtkWindow*, gpointer self) {
 }
 
 // The gateway is launched first, as soon as this process is known to be the
-// only instance: it takes longer to answer than the window to open. The boot
-// label is made here, so that the supervisor has somewhere to write; the
-// window takes it in when it is built.
+// only instance: it takes longer to answer than the window to open. What the
+// supervisor says meanwhile waits for the boot screen.
 void AppDelegate::applicationWillFinishLaunching() {
-  buildBootLabel();
   // The supervisor delivers both on this thread through the main-thread
   // queue; they hold the controller weakly.
   std::weak_ptr<AppDelegate> weakSelf = weak_from_this();
@@ -165,6 +164,21 @@ void AppDelegate::finishLaunching() {
   buildWebView(loadWebContentModule());
   g_signal_connect(window_.get(), "close-request", G_CALLBACK(onCloseRequest), this);
   updater_->scheduleAutomaticCheck();
+  showIcon();
+}
+
+// The icon comes with the bundle, wherever it lies; an installed theme's copy
+// is found the usual way too. Looking it up and reading it in every size the
+// window manager is given takes longer than drawing the boot screen, so the
+// window gets it once that is on screen; dialogs made later take it from the
+// default. The sizes read are freed at once, but below what the engine has
+// taken since: their pages are given back rather than kept for the whole run.
+void AppDelegate::showIcon() {
+  gtk_icon_theme_add_search_path(gtk_icon_theme_get_for_display(gdk_display_get_default()),
+                                 (bundleRoot() / "share" / "icons").c_str());
+  gtk_window_set_default_icon_name(applicationId);
+  gtk_window_set_icon_name(window_.get(), applicationId);
+  malloc_trim(0);
 }
 
 // A second launch: bring the window back unless it is already on screen.
@@ -202,11 +216,7 @@ void AppDelegate::saveWindowState() {
 }
 
 void AppDelegate::buildWindow() {
-  // The icon comes with the bundle, wherever it lies; an installed theme's
-  // copy is found the usual way too.
-  gtk_icon_theme_add_search_path(gtk_icon_theme_get_for_display(gdk_display_get_default()),
-                                 (bundleRoot() / "share" / "icons").c_str());
-  gtk_window_set_default_icon_name(applicationId);
+  buildBootLabel();
   window_ = GObjectPtr<GtkWindow>::retain(GTK_WINDOW(gtk_application_window_new(app_)));
   gtk_application_window_set_show_menubar(GTK_APPLICATION_WINDOW(window_.get()), true);
   const auto [screenWidth, screenHeight] = largestMonitorSize(gdk_display_get_default());

@@ -62,6 +62,7 @@ class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
   void applicationWillTerminate();
   void buildBootLabel();
   void buildWindow();
+  void showIcon();
   void saveWindowState();
   void buildWebView(const Result<CreateWebContent>& module);
   void installActions();
