@@ -48,15 +48,15 @@ AppDelegate::~AppDelegate() {
   if (app_) g_signal_handlers_disconnect_by_data(app_, this);
 }
 
-void AppDelegate::attach(GtkApplication* app) {
-  app_ = app;
-  g_signal_connect(app, "startup", G_CALLBACK(onStartup), this);
+void AppDelegate::attach(QorShellApplication* app) {
+  app_ = GTK_APPLICATION(app);
+  g_signal_connect(app, "before-startup", G_CALLBACK(onBeforeStartup), this);
   g_signal_connect(app, "activate", G_CALLBACK(onActivate), this);
   g_signal_connect(app, "shutdown", G_CALLBACK(onShutdown), this);
 }
 
 // Only the first instance starts up; a second launch just activates it.
-void AppDelegate::onStartup(GApplication*, gpointer self) {
+void AppDelegate::onBeforeStartup(GApplication*, gpointer self) {
   for (int signal : {SIGTERM, SIGINT, SIGHUP}) g_unix_signal_add(signal, onUnixSignal, self);
   static_cast<AppDelegate*>(self)->applicationWillFinishLaunching();
 }
@@ -91,8 +91,9 @@ gboolean AppDelegate::onCloseRequest(GtkWindow*, gpointer self) {
 }
 
 // The gateway is launched first, as soon as this process is known to be the
-// only instance: it takes longer to answer than the window to open. What the
-// supervisor says meanwhile waits for the boot screen.
+// only instance and before the toolkit opens the display: it takes longer to
+// answer than the window to open. What the supervisor says meanwhile waits for
+// the boot screen.
 void AppDelegate::applicationWillFinishLaunching() {
   // The supervisor delivers both on this thread through the main-thread
   // queue; they hold the controller weakly.

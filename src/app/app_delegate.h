@@ -15,6 +15,7 @@
 #include "app/desktop_style.h"
 #include "app/glib_main_thread_queue.h"
 #include "app/gobject_ptr.h"
+#include "app/shell_application.h"
 #include "app/status_text_queue.h"
 #include "app/web_content.h"
 #include "sidecar/sidecar_manager.h"
@@ -33,11 +34,11 @@ class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
 
   // Connects to the application's life cycle; the delegate must outlive the
   // application's run.
-  void attach(GtkApplication* app);
+  void attach(QorShellApplication* app);
 
  private:
   // Application life cycle.
-  static void onStartup(GApplication* app, gpointer self);
+  static void onBeforeStartup(GApplication* app, gpointer self);
   static void onActivate(GApplication* app, gpointer self);
   static void onShutdown(GApplication* app, gpointer self);
   static gboolean onUnixSignal(gpointer self);
