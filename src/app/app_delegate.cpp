@@ -1,6 +1,7 @@
 #include "app/app_delegate.h"
 
 #include <glib-unix.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <csignal>
@@ -47,15 +48,15 @@ AppDelegate::~AppDelegate() {
   if (app_) g_signal_handlers_disconnect_by_data(app_, this);
 }
 
-void AppDelegate::attach(GtkApplication* app) {
-  app_ = app;
-  g_signal_connect(app, "startup", G_CALLBACK(onStartup), this);
+void AppDelegate::attach(QorShellApplication* app) {
+  app_ = GTK_APPLICATION(app);
+  g_signal_connect(app, "before-startup", G_CALLBACK(onBeforeStartup), this);
   g_signal_connect(app, "activate", G_CALLBACK(onActivate), this);
   g_signal_connect(app, "shutdown", G_CALLBACK(onShutdown), this);
 }
 
 // Only the first instance starts up; a second launch just activates it.
-void AppDelegate::onStartup(GApplication*, gpointer self) {
+void AppDelegate::onBeforeStartup(GApplication*, gpointer self) {
   for (int signal : {SIGTERM, SIGINT, SIGHUP}) g_unix_signal_add(signal, onUnixSignal, self);
   static_cast<AppDelegate*>(self)->applicationWillFinishLaunching();
 }
@@ -90,11 +91,10 @@ gboolean AppDelegate::onCloseRequest(GtkWindow*, gpointer self) {
 }
 
 // The gateway is launched first, as soon as this process is known to be the
-// only instance: it takes longer to answer than the window to open. The boot
-// label is made here, so that the supervisor has somewhere to write; the
-// window takes it in when it is built.
+// only instance and before the toolkit opens the display: it takes longer to
+// answer than the window to open. What the supervisor says meanwhile waits for
+// the boot screen.
 void AppDelegate::applicationWillFinishLaunching() {
-  buildBootLabel();
   // The supervisor delivers both on this thread through the main-thread
   // queue; they hold the controller weakly.
   std::weak_ptr<AppDelegate> weakSelf = weak_from_this();
@@ -127,27 +127,34 @@ void AppDelegate::applicationDidFinishLaunching() {
   // Loading the web engine's module holds this thread for a while, so it
   // waits until the boot screen's first frame is on screen. A window that is
   // never drawn (started minimised) must not hold up the gateway for long.
-  firstFrameHandler_ = g_signal_connect(gtk_widget_get_frame_clock(GTK_WIDGET(window_.get())),
-                                        "after-paint", G_CALLBACK(onFirstFramePainted), this);
+  frameHandler_ = g_signal_connect(gtk_widget_get_frame_clock(GTK_WIDGET(window_.get())),
+                                   "after-paint", G_CALLBACK(onFramePainted), this);
   firstFrameFallback_ = g_timeout_add(firstFrameWaitMilliseconds, onFirstFrameMissing, this);
 }
 
-void AppDelegate::onFirstFramePainted(GdkFrameClock* clock, gpointer self) {
+// Each frame shows the next status text that waits; the first one also lets
+// the start-up go on.
+void AppDelegate::onFramePainted(GdkFrameClock* clock, gpointer self) {
   auto* delegate = static_cast<AppDelegate*>(self);
-  g_signal_handler_disconnect(clock, std::exchange(delegate->firstFrameHandler_, 0));
-  g_source_remove(std::exchange(delegate->firstFrameFallback_, 0));
-  delegate->showHeldStatus();
-  // The frame reaches the display server before this thread blocks.
-  gdk_display_flush(gtk_widget_get_display(GTK_WIDGET(delegate->window_.get())));
-  g_idle_add_once([](gpointer self) { static_cast<AppDelegate*>(self)->finishLaunching(); }, self);
+  if (delegate->firstFrameFallback_) {
+    g_source_remove(std::exchange(delegate->firstFrameFallback_, 0));
+    // The frame reaches the display server before this thread blocks.
+    gdk_display_flush(gtk_widget_get_display(GTK_WIDGET(delegate->window_.get())));
+    g_idle_add_once([](gpointer self) { static_cast<AppDelegate*>(self)->finishLaunching(); },
+                    self);
+  }
+  delegate->setStatusText(delegate->statusTexts_.framePainted());
+  if (!delegate->statusTexts_.draining()) {
+    g_signal_handler_disconnect(clock, std::exchange(delegate->frameHandler_, 0));
+  }
 }
 
 gboolean AppDelegate::onFirstFrameMissing(gpointer self) {
   auto* delegate = static_cast<AppDelegate*>(self);
   delegate->firstFrameFallback_ = 0;
   g_signal_handler_disconnect(gtk_widget_get_frame_clock(GTK_WIDGET(delegate->window_.get())),
-                              std::exchange(delegate->firstFrameHandler_, 0));
-  delegate->showHeldStatus();
+                              std::exchange(delegate->frameHandler_, 0));
+  delegate->setStatusText(delegate->statusTexts_.skipFrames());
   delegate->finishLaunching();
   return G_SOURCE_REMOVE;
 }
@@ -158,6 +165,21 @@ void AppDelegate::finishLaunching() {
   buildWebView(loadWebContentModule());
   g_signal_connect(window_.get(), "close-request", G_CALLBACK(onCloseRequest), this);
   updater_->scheduleAutomaticCheck();
+  showIcon();
+}
+
+// The icon comes with the bundle, wherever it lies; an installed theme's copy
+// is found the usual way too. Looking it up and reading it in every size the
+// window manager is given takes longer than drawing the boot screen, so the
+// window gets it once that is on screen; dialogs made later take it from the
+// default. The sizes read are freed at once, but below what the engine has
+// taken since: their pages are given back rather than kept for the whole run.
+void AppDelegate::showIcon() {
+  gtk_icon_theme_add_search_path(gtk_icon_theme_get_for_display(gdk_display_get_default()),
+                                 (bundleRoot() / "share" / "icons").c_str());
+  gtk_window_set_default_icon_name(applicationId);
+  gtk_window_set_icon_name(window_.get(), applicationId);
+  malloc_trim(0);
 }
 
 // A second launch: bring the window back unless it is already on screen.
@@ -195,11 +217,7 @@ void AppDelegate::saveWindowState() {
 }
 
 void AppDelegate::buildWindow() {
-  // The icon comes with the bundle, wherever it lies; an installed theme's
-  // copy is found the usual way too.
-  gtk_icon_theme_add_search_path(gtk_icon_theme_get_for_display(gdk_display_get_default()),
-                                 (bundleRoot() / "share" / "icons").c_str());
-  gtk_window_set_default_icon_name(applicationId);
+  buildBootLabel();
   window_ = GObjectPtr<GtkWindow>::retain(GTK_WINDOW(gtk_application_window_new(app_)));
   gtk_application_window_set_show_menubar(GTK_APPLICATION_WINDOW(window_.get()), true);
   const auto [screenWidth, screenHeight] = largestMonitorSize(gdk_display_get_default());
@@ -277,19 +295,13 @@ void AppDelegate::installActions() {
                                   G_N_ELEMENTS(windowActions), this);
 }
 
-// Without a web view the label keeps saying why. Until the boot screen is on
-// screen the latest text waits, so that its first frame shows the boot text.
 void AppDelegate::showStatus(const std::string& text) {
-  if (webViewMissing_) return;
-  if (!window_ || firstFrameHandler_) {
-    heldStatus_ = text;
-    return;
-  }
-  gtk_label_set_text(bootLabel_.get(), text.c_str());
+  setStatusText(statusTexts_.arrive(text));
 }
 
-void AppDelegate::showHeldStatus() {
-  if (heldStatus_) showStatus(*std::exchange(heldStatus_, std::nullopt));
+// Without a web view the label keeps saying why.
+void AppDelegate::setStatusText(const std::optional<std::string>& text) {
+  if (text && !webViewMissing_) gtk_label_set_text(bootLabel_.get(), text->c_str());
 }
 
 // A gateway may answer before the web view is made (a window started

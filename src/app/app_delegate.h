@@ -15,6 +15,8 @@
 #include "app/desktop_style.h"
 #include "app/glib_main_thread_queue.h"
 #include "app/gobject_ptr.h"
+#include "app/shell_application.h"
+#include "app/status_text_queue.h"
 #include "app/web_content.h"
 #include "sidecar/sidecar_manager.h"
 #include "updater/updater.h"
@@ -32,16 +34,16 @@ class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
 
   // Connects to the application's life cycle; the delegate must outlive the
   // application's run.
-  void attach(GtkApplication* app);
+  void attach(QorShellApplication* app);
 
  private:
   // Application life cycle.
-  static void onStartup(GApplication* app, gpointer self);
+  static void onBeforeStartup(GApplication* app, gpointer self);
   static void onActivate(GApplication* app, gpointer self);
   static void onShutdown(GApplication* app, gpointer self);
   static gboolean onUnixSignal(gpointer self);
   static gboolean onCloseRequest(GtkWindow* window, gpointer self);
-  static void onFirstFramePainted(GdkFrameClock* clock, gpointer self);
+  static void onFramePainted(GdkFrameClock* clock, gpointer self);
   static gboolean onFirstFrameMissing(gpointer self);
 
   // Menu actions.
@@ -61,11 +63,12 @@ class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
   void applicationWillTerminate();
   void buildBootLabel();
   void buildWindow();
+  void showIcon();
   void saveWindowState();
   void buildWebView(const Result<CreateWebContent>& module);
   void installActions();
   void showStatus(const std::string& text);
-  void showHeldStatus();
+  void setStatusText(const std::optional<std::string>& text);
   void loadGateway(const std::string& url);
 
   GtkApplication* app_ = nullptr;  // owned by main()
@@ -74,11 +77,11 @@ class AppDelegate : public std::enable_shared_from_this<AppDelegate> {
   std::unique_ptr<WebContent> web_;  // none until made, or when the engine could not be loaded
   bool webViewMissing_ = false;      // the engine could not be loaded
   std::string pendingPageURL_;       // the gateway answered before the web view was made
-  std::optional<std::string> heldStatus_;  // the latest text before the boot screen showed
+  StatusTextQueue statusTexts_;      // on their way to the boot label
   const std::shared_ptr<GLibMainThreadQueue> mainThread_;
   const std::shared_ptr<SidecarManager> sidecar_;
   GObjectPtr<GtkLabel> bootLabel_;
-  gulong firstFrameHandler_ = 0;  // until the boot screen's first frame
+  gulong frameHandler_ = 0;  // while status texts wait for frames
   guint firstFrameFallback_ = 0;
   // Made with the window it shows its dialogs over; goes before the window.
   std::shared_ptr<Updater> updater_;

@@ -106,9 +106,12 @@ void DesktopStyle::onGnomeSettingChanged(GSettings* settings, const char*, gpoin
   static_cast<DesktopStyle*>(self)->apply(gnomePreference(settings));
 }
 
+// Setting it reloads the theme, even to the value it has, which takes longer
+// than all else before the first frame: only a change is set.
 void DesktopStyle::apply(std::optional<bool> preferDark) {
-  g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme",
-               preferDark.value_or(toolkitPrefersDark_), nullptr);
+  const bool dark = preferDark.value_or(toolkitPrefersDark_);
+  if (dark == toolkitPrefersDark()) return;
+  g_object_set(gtk_settings_get_default(), "gtk-application-prefer-dark-theme", dark, nullptr);
 }
 
 }  // namespace qor

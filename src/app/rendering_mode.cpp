@@ -12,11 +12,19 @@ bool softwareRendering() {
 }
 
 // Without GL the display also opens sooner: GDK would otherwise start it only
-// to pick the X visual. What the user set in either variable stays.
-void chooseToolkitRenderer() {
+// to pick the X visual. The engine, for its part, would open a GL display of
+// its own in this process only to learn which GPU to name to the page process
+// and whether frames may come as GPU buffers; that loads Mesa and LLVM here
+// (about 10 MiB more for the shell's processes) for nothing, as frames come
+// through shared memory when the window draws without GL. Naming no device
+// (/dev/null) and turning the GPU buffers off spares it. What the user set in
+// any of these variables stays.
+void chooseRenderers() {
   if (!softwareRendering()) return;
   g_setenv("GSK_RENDERER", "cairo", false);
   g_setenv("GDK_DEBUG", "gl-disable", false);
+  g_setenv("WEBKIT_DISABLE_DMABUF_RENDERER", "1", false);
+  g_setenv("WEBKIT_WEB_RENDER_DEVICE_FILE", "/dev/null", false);
 }
 
 }  // namespace qor

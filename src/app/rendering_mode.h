@@ -14,7 +14,8 @@ namespace qor {
 // Whether GL would be drawn by the CPU here; decided once per process.
 bool softwareRendering();
 
-// Before GTK realises any window: the toolkit picks its renderer then.
-void chooseToolkitRenderer();
+// Before GTK realises any window and before the web engine starts: both pick
+// their renderer then.
+void chooseRenderers();
 
 }  // namespace qor
