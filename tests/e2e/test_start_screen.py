@@ -50,9 +50,10 @@ class StartScreenTest(unittest.TestCase):
     def test_the_first_frame_shows_the_boot_text_in_the_desktops_style_until_the_page(self):
         for scheme, dark in ((None, False), ("prefer-light", False), ("prefer-dark", True)):
             with self.subTest(scheme=scheme):
-                s, window = self.start(f"start-screen-{scheme}", scheme)
+                name = f"start-screen-{scheme or 'no-preference'}"
+                s, window = self.start(name, scheme)
                 boot, text = background_and_text(window)
-                s.screenshot(f"start-screen-{scheme}")
+                s.screenshot(name)
                 self.assertGreater(text, 100, "the boot text is drawn")
                 self.assertEqual(luminance(boot) < 128, dark, boot)
                 self.assertNotEqual(boot, bytes(3), "an unpainted window is black")
