@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "app/desktop_handler.h"
 #include "app/gtk_updater_dialogs.h"
 #include "app/main_menu.h"
 #include "app/product_name.h"
@@ -256,7 +257,8 @@ void AppDelegate::buildWebView(const Result<CreateWebContent>& module) {
     return;
   }
   web_.reset((*module)({.window = window_.get(),
-                        .showStatus = [this](const std::string& text) { showStatus(text); }}));
+                        .showStatus = [this](const std::string& text) { showStatus(text); },
+                        .openWithDefaultHandler = openWithDefaultHandler}));
   // The web view lies above the label and covers it once shown.
   gtk_overlay_add_overlay(GTK_OVERLAY(gtk_window_get_child(window_.get())), web_->widget());
   if (!pendingPageURL_.empty()) loadGateway(std::exchange(pendingPageURL_, {}));
@@ -340,10 +342,7 @@ void AppDelegate::onShowLogs(GSimpleAction*, GVariant*, gpointer self) {
     return;
   }
   GObjectPtr<GFile> file = GObjectPtr<GFile>::adopt(g_file_new_for_path(folder.c_str()));
-  GCharPtr uri = GCharPtr::adopt(g_file_get_uri(file.get()));
-  GObjectPtr<GdkAppLaunchContext> context = GObjectPtr<GdkAppLaunchContext>::adopt(
-      gdk_display_get_app_launch_context(gdk_display_get_default()));
-  g_app_info_launch_default_for_uri(uri.get(), G_APP_LAUNCH_CONTEXT(context.get()), nullptr);
+  openWithDefaultHandler(GCharPtr::adopt(g_file_get_uri(file.get())).get());
 }
 
 void AppDelegate::onQuit(GSimpleAction*, GVariant*, gpointer self) {

@@ -226,7 +226,7 @@ bool GatewayWebView::decidePolicyFor(const std::string& url) {
       return false;
     case LinkTarget::external:
     case LinkTarget::mail:
-      openWithDefaultHandler(url);
+      host_.openWithDefaultHandler(url);
       return false;
     case LinkTarget::whatsApp:
       openWhatsApp(url, std::nullopt);
@@ -246,14 +246,14 @@ void GatewayWebView::createWebViewWith(const std::string& url) {
 }
 
 // Every other path under /__qor/ is swallowed without a trace.
-void GatewayWebView::handleQorAction(const std::string& url) {
+void GatewayWebView::handleQorAction(const std::string& url) const {
   if (const auto request = whatsAppRequest(url)) startWhatsApp(request->phone, request->text);
 }
 
-void GatewayWebView::startWhatsApp(const std::string& phone, const std::string& text) {
+void GatewayWebView::startWhatsApp(const std::string& phone, const std::string& text) const {
   const std::string digits = phoneDigits(phone);
   if (whatsAppClientInstalled()) {
-    openWithDefaultHandler(whatsAppSendURL(digits, text));
+    host_.openWithDefaultHandler(whatsAppSendURL(digits, text));
     return;
   }
   const auto fallback = clickToChatURL(clickToChatHost, digits, text);
@@ -261,7 +261,7 @@ void GatewayWebView::startWhatsApp(const std::string& phone, const std::string& 
     g_error("click-to-chat address for host \"%.*s\" cannot be built", int(clickToChatHost.size()),
             clickToChatHost.data());
   }
-  openWithDefaultHandler(*fallback);
+  host_.openWithDefaultHandler(*fallback);
 }
 
 // Asked afresh every time: a client may be installed while the shell runs.
@@ -272,19 +272,12 @@ bool GatewayWebView::whatsAppClientInstalled() {
 }
 
 void GatewayWebView::openWhatsApp(const std::string& url,
-                                  const std::optional<std::string>& fallback) {
+                                  const std::optional<std::string>& fallback) const {
   if (whatsAppClientInstalled()) {
-    openWithDefaultHandler(url);
+    host_.openWithDefaultHandler(url);
   } else if (fallback) {
-    openWithDefaultHandler(*fallback);
+    host_.openWithDefaultHandler(*fallback);
   }
-}
-
-// Whether a handler took the URL is not reported anywhere.
-void GatewayWebView::openWithDefaultHandler(const std::string& url) {
-  GObjectPtr<GdkAppLaunchContext> context = GObjectPtr<GdkAppLaunchContext>::adopt(
-      gdk_display_get_app_launch_context(gdk_display_get_default()));
-  g_app_info_launch_default_for_uri(url.c_str(), G_APP_LAUNCH_CONTEXT(context.get()), nullptr);
 }
 
 }  // namespace qor

@@ -46,11 +46,10 @@ class GatewayWebView : public WebContent {
 
   bool decidePolicyFor(const std::string& url);  // true: stay in the web view
   void createWebViewWith(const std::string& url);
-  static void handleQorAction(const std::string& url);
-  static void startWhatsApp(const std::string& phone, const std::string& text);
+  void handleQorAction(const std::string& url) const;
+  void startWhatsApp(const std::string& phone, const std::string& text) const;
   static bool whatsAppClientInstalled();
-  static void openWhatsApp(const std::string& url, const std::optional<std::string>& fallback);
-  static void openWithDefaultHandler(const std::string& url);
+  void openWhatsApp(const std::string& url, const std::optional<std::string>& fallback) const;
 
   const Host host_;
   GObjectPtr<WebKitWebView> starter_;  // starts the page process; gone once the page is in

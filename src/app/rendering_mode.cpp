@@ -2,9 +2,26 @@
 
 #include <glib.h>
 
+#include <utility>
+
 #include "app/software_rendering.h"
 
 namespace qor {
+namespace {
+
+constexpr std::pair<const char*, const char*> softwareRenderers[] = {
+    {"GSK_RENDERER", "cairo"},
+    {"GDK_DEBUG", "gl-disable"},
+    {"WEBKIT_DISABLE_DMABUF_RENDERER", "1"},
+    {"WEBKIT_WEB_RENDER_DEVICE_FILE", "/dev/null"},
+};
+
+std::vector<const char*>& chosenHere() {
+  static std::vector<const char*> names;
+  return names;
+}
+
+}  // namespace
 
 bool softwareRendering() {
   static const bool software = rendersInSoftware(currentRenderingFacts());
@@ -21,10 +38,15 @@ bool softwareRendering() {
 // any of these variables stays.
 void chooseRenderers() {
   if (!softwareRendering()) return;
-  g_setenv("GSK_RENDERER", "cairo", false);
-  g_setenv("GDK_DEBUG", "gl-disable", false);
-  g_setenv("WEBKIT_DISABLE_DMABUF_RENDERER", "1", false);
-  g_setenv("WEBKIT_WEB_RENDER_DEVICE_FILE", "/dev/null", false);
+  for (const auto& [name, value] : softwareRenderers) {
+    if (g_getenv(name)) continue;
+    g_setenv(name, value, true);
+    chosenHere().push_back(name);
+  }
+}
+
+const std::vector<const char*>& renderersChosenHere() {
+  return chosenHere();
 }
 
 }  // namespace qor

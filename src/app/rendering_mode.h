@@ -9,6 +9,8 @@
 // Threads: the UI thread.
 #pragma once
 
+#include <vector>
+
 namespace qor {
 
 // Whether GL would be drawn by the CPU here; decided once per process.
@@ -17,5 +19,9 @@ bool softwareRendering();
 // Before GTK realises any window and before the web engine starts: both pick
 // their renderer then.
 void chooseRenderers();
+
+// The variables chooseRenderers set, not those the user had set: programs
+// started for the user go without them.
+const std::vector<const char*>& renderersChosenHere();
 
 }  // namespace qor

@@ -22,6 +22,8 @@ class WebContent {
   struct Host {
     GtkWindow* window = nullptr;  // the main window, parent of the page's dialogs; outlives this
     std::function<void(const std::string&)> showStatus;  // writes into the boot label
+    // Hands a URL to the desktop's handler for it (the browser, the mail program).
+    std::function<void(const std::string&)> openWithDefaultHandler;
   };
 
   virtual ~WebContent() = default;
