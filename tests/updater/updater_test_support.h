@@ -6,6 +6,7 @@
 #include <fnmatch.h>
 #include <gtest/gtest.h>
 
+#include <openssl/crypto.h>
 #include <algorithm>
 #include <fstream>
 #include <mutex>
@@ -125,6 +126,11 @@ class TestUI : public MainThreadQueue, public UpdaterDialogs {
   std::vector<std::function<void()>> tasks_;
   std::function<void()> onCancel_;
 };
+
+// In the application the HTTP client is the first to start OpenSSL, and tells
+// it to keep its state at exit, where a check's detached request may still use
+// it. Here the signing key comes first, so the same is asked before main.
+inline const bool openSslKeptAtExit = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 
 class UpdaterTest : public ::testing::Test {
  protected:
