@@ -2,8 +2,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "updater/version_rules.h"
-
 namespace qor {
 namespace {
 
@@ -97,14 +95,6 @@ QorManifest decode(const json& document) {
   }
   QorManifest manifest;
   manifest.version = string(required(document, "", "version"), "version");
-  // A version with blanks, NULs or a suffix could never be installed: the
-  // installed bundle's own version is checked against it.
-  if (!isPlainVersion(manifest.version)) {
-    throw DecodingFailure{
-        manifestWrongType,
-        "\"version\" must be a version such as 1.1.0, not " +
-            json(manifest.version).dump(-1, ' ', false, json::error_handler_t::replace)};
-  }
   manifest.notes = optionalString(document, "", "notes");
   manifest.minVersion = optionalString(document, "", "min_version");
   const json& platforms = object(required(document, "", "platforms"), "platforms");
